@@ -1,0 +1,12 @@
+# Warnings of the project's own code; generated sources leave some of them out.
+option(QVLIB_WERROR "Treat warnings as errors (CI)" OFF)
+
+set(QVLIB_WARNINGS -Wall -Wextra -Wconversion -Wshadow)
+if(QVLIB_WERROR)
+  list(APPEND QVLIB_WARNINGS -Werror)
+endif()
+
+# No absolute path of the build machine in messages or binaries: a source is named as "../src/log.cpp".
+set(QVLIB_PREFIX_MAP
+    "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=../"
+    "-fmacro-prefix-map=${PROJECT_BINARY_DIR}/=../")

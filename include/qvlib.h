@@ -1,0 +1,12 @@
+/* libqvlib: all facilities at once. Each header under qvlib/ can also be included alone. */
+#ifndef QVLIB_H
+#define QVLIB_H
+
+#include <qvlib/corelink.h>
+#include <qvlib/log.h>
+#include <qvlib/memcheck.h>
+#include <qvlib/queue.h>
+#include <qvlib/scanner.h>
+#include <qvlib/strings.h>
+
+#endif

@@ -1,0 +1,23 @@
+/* What the library's headers need of the compiler: C linkage, visibility, checked format strings. */
+#ifndef QVLIB_COMPILER_H
+#define QVLIB_COMPILER_H
+
+#if defined(__GNUC__)
+#define QV_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
+#define QV_VISIBILITY_PUSH _Pragma("GCC visibility push(default)")
+#define QV_VISIBILITY_POP _Pragma("GCC visibility pop")
+#else
+#define QV_PRINTF(format_index, first_argument)
+#define QV_VISIBILITY_PUSH
+#define QV_VISIBILITY_POP
+#endif
+
+#ifdef __cplusplus
+#define QV_BEGIN_DECLS QV_VISIBILITY_PUSH extern "C" {
+#define QV_END_DECLS } QV_VISIBILITY_POP
+#else
+#define QV_BEGIN_DECLS QV_VISIBILITY_PUSH
+#define QV_END_DECLS QV_VISIBILITY_POP
+#endif
+
+#endif

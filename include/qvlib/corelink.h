@@ -1,0 +1,335 @@
+/*
+ * Corelink: the tree of typed nodes, its reader, queries, merges and writers.
+ *
+ * A document is a tree of clparse_node records under the root of a clparse_head. It is read from text by
+ * clparse_start or built from clparse_init_head and the create and append functions, and released whole by
+ * clparse_stop. docs/corelink.md describes the language, docs/behaviours.md what may surprise a caller.
+ *
+ * Ownership: a node owns copies of its tag and string value, its child sentinel and all its children. Texts
+ * that functions return are tracked allocations: release them with qv_memcheck_free(qv_free, text, where).
+ *
+ * Errors: a NULL node where one is needed, a wrong type and a failed allocation give the ordinary failure
+ * result (-1 or NULL); errno is set only where a function says so. Nothing is logged unless it says so.
+ *
+ * Threads: a tree has no lock. Its caller has exclusive use of the nodes during every call; different trees may
+ * be used from different threads. Callbacks of function nodes run on the calling thread.
+ *
+ * Depth: no function recurses over the levels of a tree; any depth is read, copied, written and freed on a small
+ * stack. Only function nodes that expand into further function nodes nest calls.
+ */
+#ifndef QVLIB_CORELINK_H
+#define QVLIB_CORELINK_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <qvlib/compiler.h>
+
+QV_BEGIN_DECLS
+
+enum {
+    CLPARSE_TYPE_NULL = 0,
+    CLPARSE_TYPE_STRING = 1,
+    CLPARSE_TYPE_NUMBER = 2,
+    CLPARSE_TYPE_BOOLEAN = 3,
+    CLPARSE_TYPE_STRUCT = 4,
+    CLPARSE_TYPE_ARRAY = 5,
+    CLPARSE_TYPE_FUNCTION = 6
+};
+
+typedef struct clparse_node clparse_node;
+typedef struct clparse_head clparse_head;
+
+/*
+ * The callbacks of a function node. expand returns the node that stands for the function node at that moment, or
+ * NULL; apply lets the function node take an incoming node itself; release, non-zero for failure, is called when
+ * the expansion is no longer used (without it the expansion is deleted). Each may be NULL.
+ */
+typedef clparse_node *(*clparse_expand_fn)(clparse_node *node, void *priv);
+typedef int (*clparse_apply_fn)(clparse_node *node, clparse_node *source, void *priv);
+typedef int (*clparse_release_fn)(clparse_node *node, void *priv);
+
+struct clparse_node {
+    clparse_node *next, *prev;       /* siblings, circular through the parent's sentinel; itself when detached */
+    char *tag;                       /* NULL for array elements that were read from text */
+    int32_t type;                    /* CLPARSE_TYPE_* */
+    union {
+        char *str;                   /* string; may be NULL */
+        uint64_t num;                /* number */
+        unsigned char boolean;       /* boolean, 0 or 1 */
+        clparse_node *children;      /* struct, array: a sentinel, of which only next and prev are used */
+        struct {
+            clparse_expand_fn expand;
+            clparse_apply_fn apply;
+            clparse_release_fn release;
+            void *priv;
+        } func;                      /* function */
+    } value;
+    clparse_node *parent;            /* the container; NULL for a root and for a node never appended */
+};
+
+struct clparse_head {
+    void *scanner;                   /* used by clparse_start only */
+    clparse_node root;               /* tag "head", a struct */
+    clparse_node *cursor;            /* used while reading; NULL otherwise */
+};
+
+/* ---- Reading text ------------------------------------------------------------------------------------------ */
+
+/*
+ * Reads corelink text into a tree. Linear in the length of the text.
+ *
+ * text  NUL-terminated, at most INT_MAX - 2 bytes; not changed and not kept. NULL and "" give NULL silently.
+ *
+ * Returns the head, or NULL after logging "clparse_start: parsing failed: N" at level 3 with N = 1 for a syntax
+ * error and 2 when the text nests too deeply (about 9,990 arrays, 3,330 structs or 4,990 dotted prefixes) or
+ * memory ran out. The position of an error is not reported; see qvlib/scanner.h.
+ * Ownership: release the head with clparse_stop. A failed parse leaves what it had built so far allocated, the
+ * head record apart.
+ */
+clparse_head *clparse_start(const char *text);
+
+/* ---- Heads ------------------------------------------------------------------------------------------------- */
+
+/* Makes an empty tree and stores it through `head`. Returns 0, or -1 with *head NULL. */
+int clparse_init_head(clparse_head **head);
+
+/* Returns the root node of a head, NULL for NULL. */
+clparse_node *clparse_get_head(clparse_head *head);
+
+/* Frees a whole tree and its head, children before parents. NULL is allowed. */
+void clparse_stop(clparse_head *head);
+
+/* ---- Creating nodes ---------------------------------------------------------------------------------------- */
+
+/*
+ * Each returns a new detached node that holds a copy of `tag`, or NULL when the tag (or a string's value) is
+ * NULL or memory is short. The caller owns the node until it is appended; release it with clparse_delete_node.
+ */
+clparse_node *clparse_create_null_node(const char *tag);
+clparse_node *clparse_create_string_node(const char *tag, const char *value);
+clparse_node *clparse_create_number_node(const char *tag, uint64_t value);
+clparse_node *clparse_create_boolean_node(const char *tag, int value); /* the low byte of value is stored */
+clparse_node *clparse_create_struct_node(const char *tag);
+clparse_node *clparse_create_array_node(const char *tag);
+clparse_node *clparse_create_function_node(const char *tag, clparse_expand_fn expand, clparse_apply_fn apply,
+                                           clparse_release_fn release, void *priv);
+
+/*
+ * Each returns the first child of `parent` that carries `tag`, whatever its type and unchanged, or creates and
+ * appends one. NULL after a log line at level 3 when it can't be created or appended. The lookup walks the
+ * children; the order of arguments differs from function to function.
+ */
+clparse_node *clparse_append_new_struct(const char *tag, clparse_node *parent);
+clparse_node *clparse_append_new_array(clparse_head *head, const char *tag, clparse_node *parent); /* head unused */
+clparse_node *clparse_append_new_number_child(uint64_t value, const char *tag, clparse_node *parent);
+clparse_node *clparse_append_new_string_child(const char *value, const char *tag, clparse_node *parent);
+
+/* ---- Linking nodes ----------------------------------------------------------------------------------------- */
+
+/*
+ * Links a detached node as the last child of a container, which owns it from then on.
+ *
+ * Returns 0, or -1 with errno EINVAL (an argument is NULL) or ENOTDIR (parent is no struct or array).
+ */
+int clparse_append_child(clparse_node *parent, clparse_node *child);
+
+/* Unlinks a node from its siblings; its parent field stays. Returns 0, or -1 with errno EINVAL for NULL. */
+int clparse_remove_child(clparse_node *node);
+
+/*
+ * Replaces `old_node` by the detached node `new_node` and deletes old_node with its subtree, in spite of the name.
+ *
+ * Returns 0, or -1 when either is NULL.
+ */
+int clparse_add_child_after(clparse_node *new_node, clparse_node *old_node);
+
+/* Detaches and returns the first child, which the caller then owns; NULL when there is none or no container. */
+clparse_node *clparse_get_child(clparse_node *container);
+
+/* Returns the parent field; NULL for NULL. */
+clparse_node *clparse_get_parent(const clparse_node *node);
+
+/* Unlinks and frees a node with all it owns. Returns 0, or -1 for NULL. */
+int clparse_delete_node(clparse_node *node);
+
+/*
+ * Frees `node` if it is empty (a zero value, or a container without children), then its parent if that became
+ * empty, and so on; the root stays. The sentinel of a container that is freed here stays allocated.
+ *
+ * head  unused
+ *
+ * Returns 0, or -1 for a NULL node.
+ */
+int clparse_drop(clparse_head *head, clparse_node *node);
+
+/* ---- Reading and changing a node --------------------------------------------------------------------------- */
+
+/* Returns the type code, -1 for NULL. */
+int clparse_get_node_type(const clparse_node *node);
+
+/* Returns the node's own tag, which may be NULL. A NULL node logs an assertion at level 3 and gives NULL. */
+const char *clparse_get_node_tag(const clparse_node *node);
+
+/* Stores a copy of `tag` (NULL stores NULL). Returns 0, also when the copy failed; -1 for a NULL node. */
+int clparse_set_node_tag(clparse_node *node, const char *tag);
+
+/* Returns the node's own string, or NULL when it is no string node. */
+const char *clparse_get_node_value_s(const clparse_node *node);
+
+/* Stores a copy of `value` (NULL stores NULL). Returns 0, also when the copy failed; -1 for another type. */
+int clparse_set_node_value_s(clparse_node *node, const char *value);
+
+/* Returns the 64-bit value, or all bits set when the node is no number node. */
+uint64_t clparse_get_node_value_n(const clparse_node *node);
+
+/* Stores a 32-bit value, sign-extended; larger ones can be given at creation only. Returns 0, or -1. */
+int clparse_set_node_value_n(clparse_node *node, int32_t value);
+
+/* Returns the boolean byte, or 0 when the node is no boolean node. */
+unsigned char clparse_get_node_value_b(const clparse_node *node);
+
+/* Stores the low byte of `value`. Returns 0, or -1 when the node is no boolean node. */
+int clparse_set_node_value_b(clparse_node *node, int value);
+
+/* Returns a function node's priv. The type is not checked. NULL logs an assertion at level 3 and gives NULL. */
+void *clparse_get_func_priv(const clparse_node *node);
+
+/* ---- Path queries ------------------------------------------------------------------------------------------ */
+
+/*
+ * A path is a list of segments separated by "."; a segment that begins with a digit selects a child by its
+ * zero-based position, in structs too, any other one by its tag. The first child that matches a middle segment
+ * decides. A middle function node is expanded; an expansion in which the rest was found is not released.
+ */
+
+/*
+ * Finds a node below a container.
+ *
+ * type  CLPARSE_TYPE_* that the node must have, or -1 for any; nodes of other types with the last segment's tag
+ *       are passed over
+ * cmp   compares a segment with a child's tag, 0 for a match; not called for children without a tag
+ *
+ * Returns the node, which stays the tree's, or NULL.
+ */
+clparse_node *clparse_get_tagtype(clparse_node *container, const char *path, int type,
+                                  int (*cmp)(const char *segment, const char *tag));
+
+/* Finds a node of any type below the root of a head. */
+clparse_node *__clparse_get_node(clparse_head *head, const char *path, int (*cmp)(const char *, const char *));
+#define clparse_get_node(head, path) __clparse_get_node((head), (path), verify_tag)
+
+/* The comparison of tags: strcmp(segment, tag). */
+int verify_tag(const char *segment, const char *tag);
+
+/*
+ * Each reads a value by a path that is given as a printf format: "port.%u.speed".
+ *
+ * Returns 0 and sets *out, or -1 with *out untouched, but clparse_get_string sets it to NULL then. The string is a
+ * copy that the caller releases; out may be NULL to ask whether it is there. The tag is the node's own.
+ */
+int clparse_get_bool(clparse_head *head, unsigned char *out, const char *fmt, ...) QV_PRINTF(3, 4);
+int clparse_get_string(clparse_head *head, char **out, const char *fmt, ...) QV_PRINTF(3, 4);
+int clparse_get_number(clparse_head *head, uint64_t *out, const char *fmt, ...) QV_PRINTF(3, 4);
+int clparse_get_tag(clparse_head *head, const char **out, const char *fmt, ...) QV_PRINTF(3, 4);
+
+/* Returns the type code of the node at a formatted path, or -1. */
+int clparse_get_type(clparse_head *head, const char *fmt, ...) QV_PRINTF(2, 3);
+
+/* ---- Merging trees ----------------------------------------------------------------------------------------- */
+
+/* A found action returns -1 when it did not take the source node; a not-found action -1 to abort the merge. */
+typedef int (*clparse_found_fn)(clparse_node *target, clparse_node *source);
+typedef int (*clparse_not_found_fn)(clparse_node *target_container, clparse_node *source);
+
+/*
+ * Merges the children of a source container into a target container, in the source's order.
+ *
+ * found      called for each target child until it takes the source node, whatever the tags; pairs of containers
+ *            with equal tags are merged in the same way instead
+ * not_found  called when no target child took the source node; may be NULL
+ *
+ * Returns 0, or -1 when the target has no children list, found is NULL, an expansion or its release failed or
+ * not_found said -1; errno is EFAULT for a broken list. Changes made before a failure stay.
+ * Cost: with clparse_dfl_found_action, linear in the number of children; with other actions, each source child
+ * walks the target's children.
+ */
+int clparse_search_tree(clparse_node *target, clparse_node *source, clparse_found_fn found,
+                        clparse_not_found_fn not_found);
+
+/*
+ * The found action of the merges: when the tags are equal and the source is no container, the target takes the
+ * source's type and a copy of its value. A container that is overwritten so loses its children, which stay
+ * allocated. Returns 0, or -1.
+ */
+int clparse_dfl_found_action(clparse_node *target, clparse_node *source);
+
+/*
+ * The four merges of whole trees; results as clparse_search_tree. They differ in what becomes of a source node
+ * that the target lacks: update stops with -1, select ignores it, insert appends a deep copy, insert_sort also
+ * sorts the children of the container, and those of a copied container, by the numbers in their tags.
+ */
+int clparse_update(clparse_head *target, clparse_head *source);
+int clparse_select(clparse_head *target, clparse_head *source);
+int clparse_insert(clparse_head *target, clparse_head *source);
+int clparse_insert_sort(clparse_head *target, clparse_head *source);
+
+/* ---- Writing trees ----------------------------------------------------------------------------------------- */
+
+/*
+ * The writers expand function nodes and write the expansion under the function node's tag, except for XML, which
+ * writes them as null. Numbers are written unsigned. Each is linear in the length of the text.
+ */
+
+/*
+ * Writes a tree as JSON members without the outer braces: "a":1,"b":{"c":"x"}. Quotes are escaped, backslashes
+ * and control characters are not.
+ *
+ * Returns the text, which the caller releases, or NULL.
+ */
+char *clparse_get_json(clparse_head *head);
+
+/*
+ * Writes a tree as corelink text (paths 0: a=1,b={c="x"}) or as one path and value per leaf (a=1,b.c="x").
+ *
+ * Returns 0 with *out the text, which the caller releases, or -1 with *out NULL.
+ */
+int clparse_get_corelink(clparse_head *head, char **out, int paths);
+
+/*
+ * Writes a tree as XML.
+ *
+ * pretty     non-zero indents by tabs, one element a line
+ * root_name  name of the root element; NULL gives "corelink" and the XML prolog
+ *
+ * Returns 0 with *out the text, which the caller releases, or -1 with *out NULL.
+ */
+int clparse_get_xml(clparse_head *head, char **out, int pretty, const char *root_name);
+
+/*
+ * Returns the dotted path of a node as a new string: tags, and positions in arrays, from the root's child down.
+ * NULL when memory is short or the first node of the path has no tag.
+ */
+char *clparse_build_path(const clparse_node *node);
+
+/*
+ * Lists "PATH.TAG" for each child of the container at `path`, separated by commas, or the tag of any other node.
+ *
+ * Returns a new text, empty when there is no such node, or NULL when memory is short. Prints the path to the
+ * memory debugger's console.
+ */
+char *clparse_get_path(clparse_head *head, const char *path);
+
+/*
+ * Appends one formatted element to a text that ends with a bracketed list: "[5]" becomes "[5,6]".
+ *
+ * buf   the text; grown in place when size is 0 (a tracked allocation then)
+ * size  0, or the bytes of a fixed buffer that is zero beyond its text
+ *
+ * Returns 0, or -1: the text does not end with "]" (unchanged), or the fixed buffer is too small (the list is
+ * left open: its "]" is already gone).
+ */
+int cl_cat_array_element(char **buf, size_t size, const char *fmt, ...) QV_PRINTF(3, 4);
+
+QV_END_DECLS
+
+#endif
