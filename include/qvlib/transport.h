@@ -1,23 +1,25 @@
 /*
  * Corelink messages between the daemons of one host, as UDP datagrams over 127.0.0.1.
  *
- * A message is cut into fragments of at most 4096 bytes. Each is one datagram: a 48-byte header, then the bytes.
- * All fragments of a message carry the same header but for the fragment's number and length, and the last one
- * carries the last-fragment flag. Numbers in the header are in the host's byte order. type, param1, name and
- * param2 belong to the daemons: they are carried and not looked at.
+ * A message is cut into fragments of at most 4096 bytes. Each is one datagram: a 48-byte header, then the
+ * bytes. All fragments of a message carry the same header but for the fragment's number and length, and the
+ * last one carries the last-fragment flag. Numbers in the header are in the host's byte order. type, param1,
+ * name and param2 belong to the daemons: they are carried and not looked at.
  *
- * What can be lost: every send succeeds as soon as the kernel has taken the datagram, and a datagram that finds
- * the receiver's buffer full is dropped without a word. The default receive buffer (net.core.rmem_default, 212992
- * bytes) holds 25 full fragments, about 100 KB; corelink_setup_socket asks for 4 MiB, which hold about 990, close
- * to 4 MB, unless the kernel caps it at net.core.rmem_max. So keep unread no more than that: answer a message
- * before the next one is sent, or raise net.core.rmem_max. A lost fragment is not noticed either: the message
- * comes out shorter, and when the last fragment is the one that is lost, the next message is joined to it, under
- * the first one's header. Bodies that must be whole carry their length, or are corelink text, which says so.
+ * What can be lost: every send succeeds as soon as the kernel has taken the datagram, and a datagram that
+ * finds the receiver's buffer full is dropped without a word. The default receive buffer
+ * (net.core.rmem_default, 212992 bytes) holds 25 full fragments, about 100 KB; corelink_setup_socket asks for
+ * 4 MiB, which hold about 990, close to 4 MB, unless the kernel caps it at net.core.rmem_max. So keep unread
+ * no more than that: answer a message before the next one is sent, or raise net.core.rmem_max. A lost
+ * fragment is not noticed either: the message comes out shorter, and when the last fragment is the one that
+ * is lost, the next message is joined to it, under the first one's header. Where that matters, carry the
+ * body's length in param1 or param2 and compare.
  *
  * Errors: -1 with errno of the failing system call or as each function says; nothing is logged.
  *
- * Threads: no lock. Several threads may send through one socket, but fragments of messages sent to one port at
- * the same time interleave and cannot be told apart: one reader and one sender at a time per receiving socket.
+ * Threads: no lock. Several threads may send through one socket, but fragments of messages sent to one port
+ * at the same time interleave and cannot be told apart: one reader and one sender at a time per receiving
+ * socket.
  */
 #ifndef QVLIB_TRANSPORT_H
 #define QVLIB_TRANSPORT_H
@@ -65,9 +67,9 @@ int corelink_setup_socket(const char *service);
  * data    the body; may be NULL when length is 0
  * length  bytes in data
  *
- * Returns 0 when the kernel has taken all fragments, or -1 with errno of the first sendmsg that failed; what was
- * sent before stays sent, and its receiver will join it with what arrives next. EINVAL for a NULL header, EFAULT
- * for a NULL body. No signal is raised, whatever the socket.
+ * Returns 0 when the kernel has taken all fragments, or -1 with errno of the first sendmsg that failed; what
+ * was sent before stays sent, and its receiver will join it with what arrives next. EINVAL for a NULL header,
+ * EFAULT for a NULL body. No signal is raised, whatever the socket.
  * Ownership: nothing is kept. The body is not copied.
  */
 int corelink_sendmsg(int fd, uint16_t port, const corelink_msghdr *header, const void *data, uint32_t length);
@@ -88,16 +90,17 @@ int corelink_sendmsg_parts(int fd, uint16_t port, unsigned int type, uint32_t pa
  * source  zeroed, then set to the sender of the last fragment; may be NULL
  * result  set on success
  *
- * Fragments are joined in arrival order, whoever sent them: neither number, type, name nor sender is compared.
- * Nothing that arrives does harm: what a datagram lacks of its 48 bytes of header, or of the length that its header
- * claims, is taken as zero bytes, and what it has beyond that length is dropped. A claimed length may be up to
- * 65535. Until a last fragment comes the buffer grows, to twice the message so far at most.
+ * Fragments are joined in arrival order, whoever sent them: neither number, type, name nor sender is
+ * compared. Nothing that arrives does harm: what a datagram lacks of its 48 bytes of header, or of the length
+ * that its header claims, is taken as zero bytes, and what it has beyond that length is dropped. A claimed
+ * length may be up to 65535. Until a last fragment comes the buffer grows, to twice the message so far at
+ * most.
  *
- * Returns 0, or -1, *result untouched and what was collected discarded: errno of recv, recvmsg or the allocator;
- * EAGAIN on a non-blocking socket also in the middle of a message; EMSGSIZE for a message of 4 GiB or more;
- * ESHUTDOWN when the socket was shut down for reading; EINVAL for a NULL result.
- * Ownership: result->data is the caller's; release it with free(). When the buffer cannot grow, what it held is
- * lost without being freed: a daemon that runs out of memory here should restart.
+ * Returns 0, or -1, *result untouched and what was collected discarded: errno of recv, recvmsg or the
+ * allocator; EAGAIN on a non-blocking socket also in the middle of a message; EMSGSIZE for a message of 4 GiB
+ * or more; ESHUTDOWN when the socket was shut down for reading; EINVAL for a NULL result.
+ * Ownership: result->data is the caller's; release it with free(). When the buffer cannot grow, what it held
+ * is lost without being freed: a daemon that runs out of memory here should restart.
  */
 int corelink_receive_msg_block(int fd, struct sockaddr_in *source, corelink_msgbuf *result);
 
