@@ -6,5 +6,5 @@ foreach(line IN LISTS tool_tests)
   string(REGEX REPLACE "^class ([A-Za-z]+).*" "\\1" name "${line}")
   add_test(NAME Qvl.${name} COMMAND Python3::Interpreter -B ${CMAKE_CURRENT_SOURCE_DIR}/tool_test.py ${name})
   set_tests_properties(Qvl.${name} PROPERTIES TIMEOUT 300 ENVIRONMENT
-    "QVL=$<TARGET_FILE:qvl>;LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/leaks.supp:print_suppressions=0")
+    "QVL=$<TARGET_FILE:qvl>;LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tool_leaks.supp:print_suppressions=0")
 endforeach()

@@ -269,6 +269,9 @@ class Merge(ToolTest):
     def test_update_takes_values_and_their_types(self):
         self.assertEqual(self.merge("--update", 'a=1,s={b="x",c=2},d', 's={b=7},d="y"'), 'a=1,s={b=7,c=2},d="y"')
 
+    def test_update_replaces_containers_by_values(self):
+        self.assertEqual(self.merge("--update", "a={x={y=1}},b=[1,2]", 'a=5,b'), "a=5,b")
+
     def test_update_names_the_member_that_the_target_lacks(self):
         self.assertEqual(self.refuse("--update", "a=1,s={b=1}", "a=2,s={b=2,x=3}"),
                          'qvl: s.cl: "s.x" can\'t update t.cl, which has no such member\n')

@@ -369,6 +369,8 @@ int run(int argc, char **argv)
     app.set_version_flag("-V,--version", "qvl " QVL_VERSION, "Print the version and exit");
     app.require_subcommand(1);
     app.get_formatter()->column_width(26);
+    app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+    app.get_formatter()->label("Subcommands", "Commands");
     app.footer("'qvl COMMAND --help' explains a command.\n"
                "Exit status: 0 success, 1 the input or the output is at fault, 2 wrong usage.\n\n"
                "Examples:\n"
