@@ -224,16 +224,13 @@ int run_check(const std::vector<std::string> &files)
     return status;
 }
 
-// XML's names, without the colon of name spaces and beyond ASCII any letter.
 std::string check_xml_name(const std::string &name)
 {
-    auto letter = [](char c) {
-        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || (c & 0x80) != 0;
-    };
+    auto letter = [](char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_'; };
     bool good = !name.empty() && letter(name[0]);
     for (const char c : name)
         good = good && (letter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.');
-    return good ? "" : "\"" + name + "\" is no name of an XML element";
+    return good ? "" : "\"" + name + "\" is no name: a letter or _, then letters, digits, _, - and .";
 }
 
 void add_output_option(CLI::App *command, std::string &output)
@@ -272,12 +269,14 @@ void add_writer(CLI::App &app, const writer_command &row, write_options &options
     CLI::App *command = app.add_subcommand(row.name, row.purpose);
     command->add_option("FILE", options.file, "The document; - or nothing reads standard input")
         ->type_name("");
-    command->add_flag("-p,--pretty", options.pretty, row.pretty);
+    CLI::Option *pretty = command->add_flag("-p,--pretty", options.pretty, row.pretty);
+    CLI::Option *raw = command->add_flag("--raw", options.raw, "The library's own text, which escapes less");
+    if (row.wanted != form::xml)
+        raw->excludes(pretty);
     if (row.wanted == form::xml)
         command->add_option("--root", options.root_name, "Name of the root element, and no prolog")
             ->type_name("NAME")
             ->check(check_xml_name);
-    command->add_flag("--raw", options.raw, "The library's own text, which escapes less");
     add_output_option(command, options.output);
     command->footer(row.examples);
 }

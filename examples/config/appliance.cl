@@ -62,8 +62,10 @@ ports = {
         alias = "host side A",
         topology = "point-to-point",
         speed = { configured = "auto", negotiated = 4, supported = [1, 2, 4] },
-        fabric = { login = true, fcid = 0x010A00, bb_credit = 16, timeout_ms = { ed_tov = 2000, ra_tov = 10000 } },
-        counters = { frames_in = 18446744073709551615, frames_out = 92233720368547758, crc_errors = 0, link_failures = 3 }
+        fabric = { login = true, fcid = 0x010A00, bb_credit = 16, timeout_ms = { ed_tov = 2000,
+            ra_tov = 10000 } },
+        counters = { frames_in = 18446744073709551615, frames_out = 92233720368547758, crc_errors = 0,
+            link_failures = 3 }
     },
     fc2 = {
         number = 2, kind = "fc", enabled = true,
@@ -71,7 +73,8 @@ ports = {
         alias = "host side B",
         topology = "point-to-point",
         speed = { configured = "auto", negotiated = 4, supported = [1, 2, 4] },
-        fabric = { login = true, fcid = 0x010B00, bb_credit = 16, timeout_ms = { ed_tov = 2000, ra_tov = 10000 } },
+        fabric = { login = true, fcid = 0x010B00, bb_credit = 16, timeout_ms = { ed_tov = 2000,
+            ra_tov = 10000 } },
         counters = { frames_in = 7290114402, frames_out = 6120094411, crc_errors = 12, link_failures = 1 }
     },
     fc3 = {
@@ -80,7 +83,8 @@ ports = {
         alias = "remote site, 10 km",
         topology = "fabric",
         speed = { configured = 2, negotiated = 2, supported = [1, 2, 4] },
-        fabric = { login = true, fcid = 0x021300, bb_credit = 64, timeout_ms = { ed_tov = 2000, ra_tov = 10000 } },
+        fabric = { login = true, fcid = 0x021300, bb_credit = 64, timeout_ms = { ed_tov = 2000,
+            ra_tov = 10000 } },
         counters = { frames_in = 88120031, frames_out = 90412256, crc_errors = 407, link_failures = 19 }
     },
     fc4 = {
@@ -179,37 +183,43 @@ maps = {
     m1 = {
         host = { port = "fc1", wwpn = 0x100000005EA1B2C3, lun = 0 },
         target = { port = "scsi1", id = 0, lun = 0 },
-        device = { type = "sequential access", vendor = "EXAMPLE ", product = "ULTRA-TAPE 4    ", revision = "B3F1" },
+        device = { type = "sequential access", vendor = "EXAMPLE ", product = "ULTRA-TAPE 4    ",
+            revision = "B3F1" },
         access = "exclusive", online = true
     },
     m2 = {
         host = { port = "fc1", wwpn = 0x100000005EA1B2C3, lun = 1 },
         target = { port = "scsi1", id = 1, lun = 0 },
-        device = { type = "sequential access", vendor = "EXAMPLE ", product = "ULTRA-TAPE 4    ", revision = "B3F1" },
+        device = { type = "sequential access", vendor = "EXAMPLE ", product = "ULTRA-TAPE 4    ",
+            revision = "B3F1" },
         access = "exclusive", online = true
     },
     m3 = {
         host = { port = "fc2", wwpn = 0x100000005EA1B2C4, lun = 0 },
         target = { port = "scsi1", id = 2, lun = 0 },
-        device = { type = "sequential access", vendor = "EXAMPLE ", product = "ULTRA-TAPE 4    ", revision = "A9C0" },
+        device = { type = "sequential access", vendor = "EXAMPLE ", product = "ULTRA-TAPE 4    ",
+            revision = "A9C0" },
         access = "exclusive", online = false
     },
     m4 = {
         host = { port = "fc2", wwpn = 0x100000005EA1B2C4, lun = 1 },
         target = { port = "scsi1", id = 6, lun = 0 },
-        device = { type = "medium changer", vendor = "EXAMPLE ", product = "LIBRARY 24      ", revision = "1.07" },
+        device = { type = "medium changer", vendor = "EXAMPLE ", product = "LIBRARY 24      ",
+            revision = "1.07" },
         access = "shared", online = true
     },
     m10 = {
         host = { port = "fc3", wwpn, lun = 0 },
         target = { port = "scsi2", id = 8, lun = 0 },
-        device = { type = "direct access", vendor = "EXAMPLE ", product = "DISK 300G 15K   ", revision = "D011" },
+        device = { type = "direct access", vendor = "EXAMPLE ", product = "DISK 300G 15K   ",
+            revision = "D011" },
         access = "shared", online = true
     },
     m11 = {
         host = { port = "fc3", wwpn, lun = 1 },
         target = { port = "scsi2", id = 9, lun = 0 },
-        device = { type = "direct access", vendor = "EXAMPLE ", product = "DISK 300G 15K   ", revision = "D011" },
+        device = { type = "direct access", vendor = "EXAMPLE ", product = "DISK 300G 15K   ",
+            revision = "D011" },
         access = "shared", online = true
     }
 },
@@ -293,23 +303,30 @@ sensors = {
 },
 
 events = [
-    { number = 40117, time = 1763701200, level = 6, source = "fc1", code = 0x1001, text = "Link up, 4 Gbit/Sec" },
-    { number = 40118, time = 1763701203, level = 6, source = "fc2", code = 0x1001, text = "Link up, 4 Gbit/Sec" },
+    { number = 40117, time = 1763701200, level = 6, source = "fc1", code = 0x1001,
+      text = "Link up, 4 Gbit/Sec" },
+    { number = 40118, time = 1763701203, level = 6, source = "fc2", code = 0x1001,
+      text = "Link up, 4 Gbit/Sec" },
     { number = 40119, time = 1763701260, level = 4, source = "fc3", code = 0x1014,
       text = "CRC errors above the warning threshold: 407 since \"clear\"" },
-    { number = 40120, time = 1763702002, level = 5, source = "web", code = 0x4002, text = "User admin logged in from 192.0.2.88" },
+    { number = 40120, time = 1763702002, level = 5, source = "web", code = 0x4002,
+      text = "User admin logged in from 192.0.2.88" },
     { number = 40121, time = 1763702100, level = 5, source = "config", code = 0x4100,
       text = "Configuration changed:
   network.syslog.level 4 -> 5
   alerts.mail.enabled false -> true" },
     { number = 40122, time = 1763703444, level = 3, source = "scsi1", code = 0x2003,
-      sense = { key = 0x04, asc = 0x15, ascq = 0x01, data = [0x70, 0, 0x04, 0, 0, 0, 0, 0x0A, 0, 0, 0, 0, 0x15, 0x01] },
+      sense = { key = 0x04, asc = 0x15, ascq = 0x01, data = [0x70, 0, 0x04, 0, 0, 0, 0, 0x0A, 0, 0, 0, 0,
+          0x15, 0x01] },
       text = "id 2 lun 0: HARDWARE ERROR, mechanical positioning error" },
-    { number = 40123, time = 1763703445, level = 4, source = "maps", code = 0x3001, text = "Map m3 offline" },
-    { number = 40124, time = 1763704800, level = 5, source = "web", code = 0x4002, text = "User admin logged in from 192.0.2.88" }
+    { number = 40123, time = 1763703445, level = 4, source = "maps", code = 0x3001,
+      text = "Map m3 offline" },
+    { number = 40124, time = 1763704800, level = 5, source = "web", code = 0x4002,
+      text = "User admin logged in from 192.0.2.88" }
 ],
 
-gui = { port = 8008, theme = "dark", refresh_ms = 2000, columns = ["port", "alias", "speed", "state"], banner = "" },
+gui = { port = 8008, theme = "dark", refresh_ms = 2000, columns = ["port", "alias", "speed", "state"],
+    banner = "" },
 relay.enabled = true,
 relay.peers = [
     { unit = "bridge-08", address = "192.0.2.18" },
