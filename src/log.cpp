@@ -34,7 +34,7 @@ struct log_state {
     void *tellog; // telnet feed
 };
 
-log_state state;
+constinit log_state state = {};
 
 constexpr char level_labels[][6] = {"EMERG", "ALERT", "CRITL", "ERROR", "WARNG",
                                     "NOTIC", "INFOR", "DEBUG", "TELNT"};

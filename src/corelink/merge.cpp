@@ -28,7 +28,6 @@ namespace
 {
 
 // ---- Sorting
-// -----------------------------------------------------------------------------------------------
 
 bool begins_with_digit(const char *tag)
 {
@@ -119,7 +118,6 @@ void sort_after_insertions(clparse_node *container, clparse_node *inserted, size
 }
 
 // ---- One level
-// ---------------------------------------------------------------------------------------------
 
 // An index pays once a level has cost this many comparisons.
 constexpr size_t first_index_cost = 64;
@@ -258,7 +256,6 @@ class merge_level
 };
 
 // ---- The walk over levels
-// ----------------------------------------------------------------------------------
 
 bool have_equal_tags(const clparse_node *a, const clparse_node *b)
 {
