@@ -23,8 +23,8 @@ std::string to_corelink(const clparse_node *node, layout lines);
 // One PATH=VALUE for each leaf and each empty container, separated by commas, by line feeds when pretty.
 std::string to_paths(const clparse_node *root, layout lines);
 
-// The library's XML text. Throws failure when a string holds what XML can't: control characters, bytes that
-// are no UTF-8.
+// The library's XML writer copies every byte. Throws failure when a string holds what XML can't: control
+// characters, bytes that are no UTF-8.
 void check_xml_strings(const clparse_node *root);
 
 // Finds a struct member without a name, which only a merge of an array into a struct makes; NULL if there is
