@@ -14,8 +14,8 @@ namespace failing_heap
 inline int successes_left = -1;
 // Whether all calls fail from then on.
 inline bool for_good = false;
-// Calls since the last reset.
-inline int calls = 0;
+// Whether a call has failed.
+inline bool failed = false;
 
 // The call after `successes` further ones fails; all succeed again when this ends.
 class after
@@ -25,6 +25,7 @@ class after
     {
         successes_left = successes;
         for_good = all;
+        failed = false;
     }
     ~after()
     {
@@ -36,13 +37,12 @@ class after
     // Whether a call has failed.
     bool happened() const
     {
-        return successes_left == (for_good ? 0 : -1);
+        return failed;
     }
 };
 
 inline bool fails()
 {
-    calls++;
     if (successes_left < 0)
         return false;
     if (successes_left > 0) {
@@ -51,6 +51,7 @@ inline bool fails()
     }
     if (!for_good)
         successes_left = -1;
+    failed = true;
     errno = ENOMEM;
     return true;
 }
