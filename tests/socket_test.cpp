@@ -26,7 +26,7 @@
 
 #include "failing_calloc.h"
 #include "failing_calls.h"
-#include "log_capture.h"
+#include "log_lines.h"
 #include "socket.h"
 
 using failing_calls::descriptors;
@@ -382,10 +382,10 @@ TEST_F(QvsockConnect, TreatsInProgressAsAFailureOfABlockingSocket)
 TEST_F(QvsockConnect, IsSilentWhenRefused)
 {
     const std::string service = dead_service();
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(connect_to(service), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(QvsockConnect, TriesOnlyTheFirstAddress)
@@ -409,31 +409,31 @@ TEST_F(QvsockConnect, SetsBothBuffers)
 
 TEST_F(QvsockConnect, BindsToAnInterface)
 {
-    log_capture log;
+    log_lines log;
     const int client = keep(connect_to(service_of(listener()), 0, 0, "lo"));
     EXPECT_GE(client, 0);
     char name[16] = "";
     socklen_t size = sizeof name;
     EXPECT_EQ(__real_getsockopt(client, SOL_SOCKET, SO_BINDTODEVICE, name, &size), 0);
     EXPECT_STREQ(name, "lo");
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(QvsockConnect, GoesAheadUnboundWhenTheInterfaceIsMissing)
 {
     const std::string service = service_of(listener());
-    log_capture log;
+    log_lines log;
     EXPECT_GE(keep(connect_to(service, 0, 0, "nosuchif0")), 0);
     const failing bind("setsockopt", EPERM, SO_BINDTODEVICE);
     EXPECT_GE(keep(connect_to(service, 0, 0, "lo")), 0);
-    EXPECT_THAT(log.lines(),
+    EXPECT_THAT(log.take(),
                 ElementsAre("ERROR: __qvsock_connect: setsockopt: bind to nosuchif0: No such device (19)",
                             "ERROR: __qvsock_connect: setsockopt: bind to lo: Operation not permitted (1)"));
 }
 
 TEST_F(QvsockConnect, LogsANameThatDoesNotResolve)
 {
-    log_capture log;
+    log_lines log;
     seen.gai_code = EAI_NONAME;
     EXPECT_EQ(__qvsock_connect(&ipv4, "left-unit", "gui", nullptr, 0, 0, "RGUI: Connect", 0), -1);
     EXPECT_EQ(__qvsock_connect(nullptr, nullptr, nullptr, nullptr, 0, 0, nullptr, 0), -1);
@@ -442,7 +442,7 @@ TEST_F(QvsockConnect, LogsANameThatDoesNotResolve)
     EXPECT_EQ(__qvsock_connect(&ipv4, "left-unit", "gui", nullptr, 0, 0, "RGUI: Connect", 0), -1);
     EXPECT_EQ(errno, EMFILE);
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("ERROR: RGUI: Connect: getaddrinfo: left-unit:gui: Name or service not known (-2)",
                     "ERROR: (null): getaddrinfo: (null):(null): Name or service not known (-2)",
                     "ERROR: RGUI: Connect: getaddrinfo: left-unit:gui: Too many open files (24)"));
@@ -451,22 +451,22 @@ TEST_F(QvsockConnect, LogsANameThatDoesNotResolve)
 TEST_F(QvsockConnect, KeepsTheAddressesWhenTheSocketFails)
 {
     const std::string service = service_of(listener());
-    log_capture log;
+    log_lines log;
     const failing socket("socket", EMFILE);
     EXPECT_EQ(connect_to(service), -1);
     EXPECT_EQ(errno, EMFILE);
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: RGUI: Connect: socket: Too many open files (24)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: RGUI: Connect: socket: Too many open files (24)"));
     expect_lists_kept(1);
 }
 
 TEST_F(QvsockConnect, KeepsAddressesAndSocketInSilenceWhenTheBuffersFail)
 {
     const std::string service = service_of(listener());
-    log_capture log;
+    log_lines log;
     const failing buffers("setsockopt", ENOBUFS, SO_RCVBUF);
     EXPECT_EQ(connect_to(service, 0, 16384), -1);
     EXPECT_EQ(errno, ENOBUFS);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
     expect_lists_kept(1);
     expect_socket_kept();
 }
@@ -474,22 +474,22 @@ TEST_F(QvsockConnect, KeepsAddressesAndSocketInSilenceWhenTheBuffersFail)
 TEST_F(QvsockConnect, KeepsTheAddressesWhenTheFlagsFail)
 {
     const std::string service = service_of(listener());
-    log_capture log;
+    log_lines log;
     for (const int command : {F_GETFL, F_SETFL}) {
         const failing flags("fcntl", EINVAL, command);
         EXPECT_EQ(connect_to(service, O_NONBLOCK), -1);
         EXPECT_EQ(errno, EINVAL);
         EXPECT_FALSE(is_open(seen.sockets.back()));
     }
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: RGUI: Connect: addfl: 0x800: Invalid argument (22)",
-                                         "ERROR: RGUI: Connect: addfl: 0x800: Invalid argument (22)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: RGUI: Connect: addfl: 0x800: Invalid argument (22)",
+                                        "ERROR: RGUI: Connect: addfl: 0x800: Invalid argument (22)"));
     expect_lists_kept(2);
 }
 
 TEST_F(QvsockConnect, LogsNothingWhenQuiet)
 {
     const std::string service = service_of(listener());
-    log_capture log;
+    log_lines log;
     EXPECT_GE(keep(connect_to(service, 0, 0, "nosuchif0", 1)), 0);
     {
         const failing flags("fcntl", EINVAL, F_SETFL);
@@ -501,16 +501,16 @@ TEST_F(QvsockConnect, LogsNothingWhenQuiet)
     }
     seen.gai_code = EAI_AGAIN;
     EXPECT_EQ(connect_to(service, 0, 0, nullptr, 1), -1);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
     expect_lists_kept(2);
 }
 
 TEST_F(QvsockConnect, NamesTheCallingFunctionByItself)
 {
-    log_capture log;
+    log_lines log;
     seen.gai_code = EAI_FAMILY;
     EXPECT_EQ(qvsock_connect(&ipv4, "a", "b", nullptr, 0, 0, 0), -1);
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: TestBody: getaddrinfo: a:b: ai_family not supported (-6)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: TestBody: getaddrinfo: a:b: ai_family not supported (-6)"));
 }
 
 TEST_F(QvsockConnect, TakesNoHintsAsAny)
@@ -549,11 +549,11 @@ TEST_F(QvsockListen, TriesAllIpv6AddressesBeforeAnyOther)
     std::vector<candidate> list = {{AF_INET, 0}, {AF_INET6, 0}, {AF_INET, 0}, {AF_INET6, 0}};
     answer_with(list);
     const failing bind("bind", EADDRNOTAVAIL);
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(qvsock_listen(&any_family, nullptr, "8008", 0, 0, 0), -1);
     EXPECT_THAT(seen.families, ElementsAre(AF_INET6, AF_INET6, AF_INET, AF_INET));
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("ERROR: qvsock_listen: unable to bind to port 8008 Cannot assign requested address"));
 }
 
@@ -562,17 +562,17 @@ TEST_F(QvsockListen, ReturnsTheFirstThatBinds)
     std::vector<candidate> list = {{AF_INET, 0}, {AF_INET, 0}, {AF_INET, 0}};
     answer_with(list);
     const failing second("bind", EADDRINUSE, failing_calls::any, 1);
-    log_capture log;
+    log_lines log;
     const int fd = keep(qvsock_listen(&any_family, nullptr, "0", 0, 0, 0));
     EXPECT_GE(fd, 0);
     EXPECT_EQ(seen.sockets, std::vector<int>{fd});
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(QvsockListen, ReportsAServiceInUseOnce)
 {
     const std::string service = service_of(listener());
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", service.c_str(), 0, 0, 0), -1);
     EXPECT_EQ(errno, EADDRINUSE);
     {
@@ -580,7 +580,7 @@ TEST_F(QvsockListen, ReportsAServiceInUseOnce)
         EXPECT_EQ(qvsock_listen(&any_family, nullptr, "8008", 0, 0, 0), -1);
     }
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("ERROR: qvsock_listen: unable to bind to port " + service + " Address already in use",
                     "ERROR: qvsock_listen: unable to bind to port 8008 Address already in use"));
 }
@@ -618,12 +618,12 @@ TEST_F(QvsockListen, SetsFlagsAndBuffersAndLeavesHintsUnchanged)
 
 TEST_F(QvsockListen, LogsAServiceThatDoesNotResolve)
 {
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(qvsock_listen(&ipv4, nullptr, nullptr, 0, 0, 0), -1);
     seen.gai_code = EAI_SERVICE;
     EXPECT_EQ(qvsock_listen(nullptr, nullptr, "no-such-service", 0, 0, 0), -1);
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("ERROR: qvsock_listen: getaddrinfo: Name or service not known (-2)",
                     "ERROR: qvsock_listen: getaddrinfo: Servname not supported for ai_socktype (-8)"));
 }
@@ -632,11 +632,11 @@ TEST_F(QvsockListen, IsSilentAboutAKernelWithoutIpv6)
 {
     std::vector<candidate> list = {{AF_INET6, 0}, {AF_INET, 0}};
     answer_with(list);
-    log_capture log;
+    log_lines log;
     const failing socket("socket", EAFNOSUPPORT, AF_INET6);
     const int fd = keep(qvsock_listen(&any_family, nullptr, "0", 0, 0, 0));
     EXPECT_EQ(option_of(fd, SO_DOMAIN), AF_INET);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 struct listen_failure {
@@ -658,21 +658,21 @@ TEST_F(QvsockListen, ReportsEachFailingStepAndClosesTheSocket)
     for (const listen_failure &failure : failures) {
         SCOPED_TRACE(failure.call);
         const int before = descriptors();
-        log_capture log;
+        log_lines log;
         const failing call(failure.call, failure.error, failure.detail);
         EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, O_NONBLOCK, 0), -1);
         EXPECT_EQ(errno, failure.error);
         std::vector<std::string> expected = failure.logged;
         expected.push_back("ERROR: qvsock_listen: unable to bind to port 0 " +
                            std::string(strerror(failure.error)));
-        EXPECT_EQ(log.lines(), expected);
+        EXPECT_EQ(log.take(), expected);
         EXPECT_EQ(descriptors(), before);
     }
 }
 
 TEST_F(QvsockListen, ClosesASocketWhoseAddressCannotBeTold)
 {
-    log_capture log;
+    log_lines log;
     seen.name_code = EAI_FAIL;
     const failing name("getnameinfo", 0);
     EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 0), -1);
@@ -680,7 +680,7 @@ TEST_F(QvsockListen, ClosesASocketWhoseAddressCannotBeTold)
     failing_calls::armed.error = ENOMEM;
     EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 0), -1);
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("ERROR: __qvsock_listen: getnameinfo: Non-recoverable failure in name resolution (-4)",
                     "ERROR: qvsock_listen: unable to bind to port 0 ", // no error number is known
                     "ERROR: __qvsock_listen: getnameinfo: Cannot allocate memory (12)",
@@ -690,10 +690,10 @@ TEST_F(QvsockListen, ClosesASocketWhoseAddressCannotBeTold)
 TEST_F(QvsockListen, KeepsTheSocketInSilenceWhenTheBuffersFail)
 {
     for (const int option : {SO_SNDBUF, SO_RCVBUF}) {
-        log_capture log;
+        log_lines log;
         const failing buffers("setsockopt", ENOBUFS, option);
         EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 16384), -1);
-        EXPECT_THAT(log.lines(),
+        EXPECT_THAT(log.take(),
                     ElementsAre("ERROR: qvsock_listen: unable to bind to port 0 No buffer space available"));
         expect_socket_kept();
     }
@@ -701,11 +701,11 @@ TEST_F(QvsockListen, KeepsTheSocketInSilenceWhenTheBuffersFail)
 
 TEST_F(QvsockListen, KeepsTheSocketWhenBroadcastFails)
 {
-    log_capture log;
+    log_lines log;
     const failing broadcast("setsockopt", EACCES, SO_BROADCAST);
     EXPECT_EQ(qvsock_listen(&datagram, "127.0.0.1", "0", 1, 0, 0), -1);
     EXPECT_EQ(errno, EACCES);
-    EXPECT_THAT(log.lines(),
+    EXPECT_THAT(log.take(),
                 ElementsAre("ERROR: __qvsock_listen: setsockopt SO_BROADCAST: Permission denied (13)",
                             "ERROR: qvsock_listen: unable to bind to port 0 Permission denied"));
     expect_socket_kept();
@@ -713,10 +713,10 @@ TEST_F(QvsockListen, KeepsTheSocketWhenBroadcastFails)
 
 TEST_F(QvsockListen, GoesOnWhenReuseFails)
 {
-    log_capture log;
+    log_lines log;
     const failing reuse("setsockopt", ENOMEM, SO_REUSEADDR);
     EXPECT_GE(keep(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 0)), 0);
-    EXPECT_THAT(log.lines(),
+    EXPECT_THAT(log.take(),
                 ElementsAre("ERROR: __qvsock_listen: setsockopt: reuse: Cannot allocate memory (12)"));
 }
 
@@ -751,22 +751,22 @@ TEST_F(QvsockAccept, GivesThePeersNumericAddress)
 TEST_F(QvsockAccept, IsSilentWhenNobodyWaits)
 {
     const int server = keep(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, O_NONBLOCK, 0));
-    log_capture log;
+    log_lines log;
     char host[64];
     EXPECT_EQ(qvsock_accept(server, host, sizeof host, "test"), -1);
     EXPECT_EQ(errno, EAGAIN);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(QvsockAccept, LogsOtherFailures)
 {
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(qvsock_accept(-1, nullptr, 0, "telnet"), -1);
     EXPECT_EQ(errno, EBADF);
     const failing accept("accept", ECONNABORTED);
     EXPECT_EQ(qvsock_accept(0, nullptr, 0, "telnet"), -1);
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: telnet: accept: Bad file descriptor (9)",
-                                         "ERROR: telnet: accept: Software caused connection abort (103)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: telnet: accept: Bad file descriptor (9)",
+                                        "ERROR: telnet: accept: Software caused connection abort (103)"));
 }
 
 TEST_F(QvsockAccept, ClosesAConnectionWhoseAddressDoesNotFit)
@@ -774,11 +774,11 @@ TEST_F(QvsockAccept, ClosesAConnectionWhoseAddressDoesNotFit)
     const int server = listener();
     keep(__qvsock_connect(&ipv4, "127.0.0.1", service_of(server).c_str(), nullptr, 0, 0, "test", 0));
     const int before = descriptors();
-    log_capture log;
+    log_lines log;
     char host[4];
     EXPECT_EQ(qvsock_accept(server, host, sizeof host, "telnet"), -1);
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: telnet: getnameinfo: " +
-                                         std::string(gai_strerror(EAI_OVERFLOW)) + " (-12)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: telnet: getnameinfo: " +
+                                        std::string(gai_strerror(EAI_OVERFLOW)) + " (-12)"));
     EXPECT_EQ(descriptors(), before);
 }
 
@@ -786,11 +786,11 @@ using QvsockGetpeername = SocketTest;
 
 TEST_F(QvsockGetpeername, LogsASocketWithoutPeer)
 {
-    log_capture log;
+    log_lines log;
     char host[64];
     EXPECT_EQ(qvsock_getpeername(listener(), host, sizeof host), nullptr);
     EXPECT_EQ(errno, ENOTCONN);
-    EXPECT_THAT(log.lines(),
+    EXPECT_THAT(log.take(),
                 ElementsAre("ERROR: qvsock_getpeername: Transport endpoint is not connected (107)"));
 }
 
@@ -798,12 +798,12 @@ TEST_F(QvsockGetpeername, LogsABufferThatIsTooSmall)
 {
     const int client =
         keep(__qvsock_connect(&ipv4, "127.0.0.1", service_of(listener()).c_str(), nullptr, 0, 0, "test", 0));
-    log_capture log;
+    log_lines log;
     char host[4];
     EXPECT_EQ(qvsock_getpeername(client, host, sizeof host), nullptr);
     EXPECT_EQ(qvsock_getpeername(client, nullptr, 0), nullptr);
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: qvsock_getpeername: " +
-                                         std::string(gai_strerror(EAI_OVERFLOW)) + " (-12)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: qvsock_getpeername: " +
+                                        std::string(gai_strerror(EAI_OVERFLOW)) + " (-12)"));
 }
 
 // ---- Options
@@ -812,14 +812,14 @@ using QvsockBindIface = SocketTest;
 
 TEST_F(QvsockBindIface, CutsALongNameToFifteenCharacters)
 {
-    log_capture log;
+    log_lines log;
     const int fd = keep(__real_socket(AF_INET, SOCK_DGRAM, 0));
     EXPECT_EQ(qvsock_bind_iface(fd, "abcdefghijklmnopqrst"), -1);
     EXPECT_EQ(errno, ENODEV);
     std::vector<char> request(32);
     memcpy(request.data(), "abcdefghijklmno", 15);
     EXPECT_EQ(seen.iface, request);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(QvsockBindIface, BindsAndRefusesNull)
@@ -851,7 +851,7 @@ TEST_F(QvsockSetSockbuffers, SetsTheSendBufferThenTheReceiveBuffer)
 
 TEST_F(QvsockSetSockbuffers, StopsInSilenceAtAFailure)
 {
-    log_capture log;
+    log_lines log;
     const int fd = keep(__real_socket(AF_INET, SOCK_STREAM, 0));
     {
         const failing sending("setsockopt", EPERM, SO_SNDBUF);
@@ -861,7 +861,7 @@ TEST_F(QvsockSetSockbuffers, StopsInSilenceAtAFailure)
     const failing receiving("setsockopt", EPERM, SO_RCVBUF);
     EXPECT_EQ(qvsock_set_sockbuffers(fd, 8192, 8192), -1);
     EXPECT_EQ(errno, EPERM);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 using Addfl = SocketTest;
@@ -895,14 +895,14 @@ TEST_F(TcpInfo, IsReadFromAConnection)
 TEST_F(TcpInfo, LogsASocketThatHasNone)
 {
     struct tcp_info info = {};
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(read_tcp_info(-1, &info), -1);
     EXPECT_EQ(errno, EBADF);
     const failing option("getsockopt", ENOPROTOOPT);
     EXPECT_EQ(read_tcp_info(0, &info), -1);
     EXPECT_EQ(errno, ENOPROTOOPT);
-    EXPECT_THAT(log.lines(), ElementsAre("ERROR: read_tcp_info: getsockopt: Bad file descriptor (9)",
-                                         "ERROR: read_tcp_info: getsockopt: Protocol not available (92)"));
+    EXPECT_THAT(log.take(), ElementsAre("ERROR: read_tcp_info: getsockopt: Bad file descriptor (9)",
+                                        "ERROR: read_tcp_info: getsockopt: Protocol not available (92)"));
 }
 
 TEST_F(TcpInfo, IsLoggedFieldByField)
@@ -923,10 +923,10 @@ TEST_F(TcpInfo, IsLoggedFieldByField)
     static_assert(offsetof(struct tcp_info, tcpi_rto) + sizeof words == 104);
     memcpy(&info.tcpi_rto, words, sizeof words);
 
-    log_capture log;
+    log_lines log;
     display_tcp_info(QV_LOG_INFO, &info);
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("INFOR: ==== Dumping Full TCP Information ====", "INFOR: State          0x01",
                     "INFOR: CA State       00", "INFOR: Retransmits    0x12", "INFOR: Probes         0x03",
                     "INFOR: Backoff        0x04", "INFOR: Options        0xff", "INFOR: Snd WScale     0x7",
@@ -948,11 +948,11 @@ TEST_F(TcpInfo, IsLoggedFieldByField)
 TEST_F(TcpInfo, IsNotLoggedAtTheSilentLevel)
 {
     const struct tcp_info info = {};
-    log_capture log;
+    log_lines log;
     qv_log_setlevel(100);
     display_tcp_info(QV_LOG_HEX_SILENT, &info);
     display_tcp_info(QV_LOG_ERROR, nullptr);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 // ---- MAC addresses

@@ -28,7 +28,7 @@
 #include <qvlib/socket.h>
 
 #include "failing_calls.h"
-#include "log_capture.h"
+#include "log_lines.h"
 
 using failing_calls::descriptors;
 using failing_calls::failing;
@@ -357,10 +357,10 @@ TEST_F(CorelinkSetupSocket, AsksForFourMebibytesOfBuffer)
 
 TEST_F(CorelinkSetupSocket, FailsAsListeningDoes)
 {
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(corelink_setup_socket("no such service"), -1);
     EXPECT_THAT(
-        log.lines(),
+        log.take(),
         ElementsAre("ERROR: qvsock_listen: getaddrinfo: Servname not supported for ai_socktype (-8)"));
 }
 
@@ -481,7 +481,7 @@ TEST_F(CorelinkSendmsg, StopsAtTheFirstFailureAndTheReceiverJoinsTheRest)
 {
     const bytes first = pattern(8193, 1);
     const bytes second = pattern(100, 2);
-    log_capture log;
+    log_lines log;
     {
         const failing later("sendmsg", ENOBUFS, failing_calls::any, 1);
         EXPECT_EQ(send(header_of("first"), first), -1);
@@ -494,7 +494,7 @@ TEST_F(CorelinkSendmsg, StopsAtTheFirstFailureAndTheReceiverJoinsTheRest)
     bytes joined = slice(first, 0, 4096);
     joined.insert(joined.end(), second.begin(), second.end());
     EXPECT_EQ(message.body(), joined);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(CorelinkSendmsg, RefusesWhatIsMissing)
@@ -648,12 +648,12 @@ TEST_F(CorelinkReceiveMsgBlock, RefusesANullResult)
 TEST_F(CorelinkReceiveMsgBlock, LeavesTheResultUntouchedOnFailure)
 {
     corelink_msgbuf buffer = {&buffer, 77};
-    log_capture log;
+    log_lines log;
     EXPECT_EQ(corelink_receive_msg_block(-1, nullptr, &buffer), -1);
     EXPECT_EQ(errno, EBADF);
     EXPECT_EQ(buffer.data, &buffer);
     EXPECT_EQ(buffer.length, 77u);
-    EXPECT_THAT(log.lines(), IsEmpty());
+    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(CorelinkReceiveMsgBlock, ReturnsEachFailureWithItsError)
