@@ -17,6 +17,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <utility>
 
 #include <qvlib/socket.h>
 #include <qvlib/transport.h>
@@ -92,15 +93,11 @@ class message
         size_ += length;
     }
 
-    // Hands the block over, cut to its size.
+    // Hands the block over with the room that is left in it: cutting it would cost more than a reader that
+    // releases it soon gains.
     void finish(corelink_msgbuf *result)
     {
-        if (capacity_ > size_) {
-            auto *cut = static_cast<unsigned char *>(realloc(data_, size_));
-            data_ = cut ? cut : data_;
-        }
-        *result = {data_, size_};
-        data_ = nullptr;
+        *result = {std::exchange(data_, nullptr), size_};
     }
 
   private:

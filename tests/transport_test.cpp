@@ -695,20 +695,6 @@ TEST_F(CorelinkReceiveMsgBlock, LosesWhatItCollectedWhenTheBufferCannotGrow)
     }
 }
 
-TEST_F(CorelinkReceiveMsgBlock, DeliversWhenTheBufferCannotBeCut)
-{
-    hooks.watch = true;
-    const bytes body = pattern(20000);
-    ASSERT_EQ(send(header_of("big"), body), 0);
-    hooks.realloc = [](void *block, size_t size) -> void * {
-        return size == 20048 ? nullptr : __real_realloc(block, size);
-    };
-    received message;
-    EXPECT_EQ(message.from(receiver), 0);
-    EXPECT_EQ(message.body(), body);
-    EXPECT_EQ(hooks.grown.back(), 20048u);
-}
-
 TEST_F(CorelinkReceiveMsgBlock, MovesWhatItCollectedAFewTimesInAll)
 {
     hooks.watch = true;
@@ -718,9 +704,9 @@ TEST_F(CorelinkReceiveMsgBlock, MovesWhatItCollectedAFewTimesInAll)
     EXPECT_EQ(message.from(receiver), 0);
     other.join();
     EXPECT_EQ(message.buffer.length, length + 48);
-    EXPECT_LE(hooks.grown.size(), 12u);
-    EXPECT_EQ(hooks.grown.front(), 4144u); // a message of one fragment gets a block of its size
-    EXPECT_EQ(hooks.grown.back(), length + 48);
+    EXPECT_LE(hooks.grown.size(), 10u);
+    EXPECT_GE(hooks.grown.back(), length + 48);
+    EXPECT_LE(hooks.grown.back(), 2 * (length + 48));
 }
 
 TEST_F(CorelinkReceiveMsgBlock, GivesABlockOfTheMessagesSizeForOneFragment)

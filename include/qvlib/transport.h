@@ -93,14 +93,15 @@ int corelink_sendmsg_parts(int fd, uint16_t port, unsigned int type, uint32_t pa
  * Fragments are joined in arrival order, whoever sent them: neither number, type, name nor sender is
  * compared. Nothing that arrives does harm: what a datagram lacks of its 48 bytes of header, or of the length
  * that its header claims, is taken as zero bytes, and what it has beyond that length is dropped. A claimed
- * length may be up to 65535. Until a last fragment comes the buffer grows, to twice the message so far at
- * most.
+ * length may be up to 65535.
  *
  * Returns 0, or -1, *result untouched and what was collected discarded: errno of recv, recvmsg or the
  * allocator; EAGAIN on a non-blocking socket also in the middle of a message; EMSGSIZE for a message of 4 GiB
  * or more; ESHUTDOWN when the socket was shut down for reading; EINVAL for a NULL result.
- * Ownership: result->data is the caller's; release it with free(). When the buffer cannot grow, what it held
- * is lost without being freed: a daemon that runs out of memory here should restart.
+ * Ownership: result->data is the caller's; release it with free(). The block may be up to twice as long as
+ * the message: copy what is to be kept for long. When the block cannot grow, what it held is lost without
+ * being freed: a daemon that runs out of memory here should restart.
+ * Cost: linear in what arrives; the block doubles, so that what was collected is seldom moved.
  */
 int corelink_receive_msg_block(int fd, struct sockaddr_in *source, corelink_msgbuf *result);
 
