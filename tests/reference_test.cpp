@@ -407,7 +407,7 @@ TEST(ThreadName, RefusesNull)
         const std::string before = thread_name();
         const char *none = nullptr;
         errno = 0;
-        EXPECT_EQ(qvthread_setname(none), -1);
+        EXPECT_EQ(qvthread_setname(none, 0), -1);
         EXPECT_EQ(errno, EINVAL);
         EXPECT_EQ(thread_name(), before);
     }).join();
