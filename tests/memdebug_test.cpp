@@ -795,7 +795,9 @@ class slow_table
                 reorder();
                 return;
             }
-        entries_.push_front({{name, 1, size}, {{block, size}}});
+        entry &added = entries_.emplace_front();
+        added.r = row{name, 1, size};
+        added.blocks.emplace_back(block, size);
     }
     void remove(int block)
     {

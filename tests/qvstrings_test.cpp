@@ -212,7 +212,7 @@ TEST(Append, BuildsADocumentByManySteps)
     std::string expected;
     for (int i = 0; i < 2000; i++) {
         qv_aasprintf(text.address(), "[%d]", i);
-        expected += "[" + std::to_string(i) + "]";
+        expected.append("[").append(std::to_string(i)).append("]");
     }
     EXPECT_EQ(text.text(), expected);
 }
