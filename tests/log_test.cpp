@@ -353,17 +353,56 @@ TEST_F(LogMessage, LongerThanTheLineBufferKeepsItsArgumentsForTheSystemLog)
     EXPECT_THAT(steps, ElementsAre("vsyslog 4 " + text + " 77"));
 }
 
-TEST_F(LogMessage, LeavesErrnoAlone)
+// Standard error fails with ENOSPC until this ends.
+class full_stderr
+{
+  public:
+    full_stderr() : kept_(dup(STDERR_FILENO))
+    {
+        const int full = open("/dev/full", O_WRONLY);
+        dup2(full, STDERR_FILENO);
+        close(full);
+    }
+    ~full_stderr()
+    {
+        dup2(kept_, STDERR_FILENO);
+        clearerr(stderr);
+        close(kept_);
+    }
+    full_stderr(const full_stderr &) = delete;
+    full_stderr &operator=(const full_stderr &) = delete;
+
+  private:
+    int kept_;
+};
+
+TEST_F(LogMessage, LeavesErrnoAloneEvenWhenTheConsoleFails)
 {
     start_console(7);
-    captured_stderr console;
-    errno = EXDEV;
-    __qv_log(3, "text");
-    EXPECT_EQ(errno, EXDEV);
-    qv_errno("text");
-    EXPECT_EQ(errno, EXDEV);
-    qv_gaierror(EAI_AGAIN, "text");
-    EXPECT_EQ(errno, EXDEV);
+    int seen[3] = {};
+    {
+        const full_stderr console;
+        errno = EXDEV;
+        __qv_log(3, "text");
+        seen[0] = errno;
+        qv_errno("text");
+        seen[1] = errno;
+        qv_gaierror(EAI_AGAIN, "text");
+        seen[2] = errno;
+    }
+    EXPECT_THAT(seen, ElementsAre(EXDEV, EXDEV, EXDEV));
+}
+
+TEST_F(LogMessage, ShowsTheCallersErrnoInTheSystemLogAfterAFailedConsole)
+{
+    qv_log_init("ident", 7, LOG_PERROR, LOG_USER, 0);
+    steps.clear();
+    {
+        const full_stderr console;
+        errno = EXDEV;
+        __qv_log(3, "%m");
+    }
+    EXPECT_THAT(steps, ElementsAre("vsyslog 3 Invalid cross-device link"));
 }
 
 TEST_F(LogMessage, ShowsTheCallersErrnoInEverySink)
@@ -383,8 +422,8 @@ TEST_F(LogMessage, WithoutAFormatIsDropped)
     steps.clear();
     captured_stderr console;
     const char *none = nullptr;
-    __qv_log(3, none);
-    qv_errno(none);
+    __qv_log(3, none, 0);
+    qv_errno(none, 0);
     EXPECT_EQ(console.text(), "");
     EXPECT_THAT(steps, IsEmpty());
 }
@@ -459,14 +498,10 @@ TEST_F(LogConsole, StillEndsTheLineOfATextThatCannotBeFormatted)
 TEST_F(LogConsole, IgnoresItsWriteErrors)
 {
     start_console(7);
-    const int kept = dup(STDERR_FILENO);
-    const int full = open("/dev/full", O_WRONLY);
-    dup2(full, STDERR_FILENO);
-    __qv_log(3, "lost");
-    dup2(kept, STDERR_FILENO);
-    clearerr(stderr);
-    close(full);
-    close(kept);
+    {
+        const full_stderr full;
+        __qv_log(3, "lost");
+    }
     captured_stderr console;
     __qv_log(3, "shown");
     EXPECT_THAT(messages(console.text()), ElementsAre("ERROR: shown"));
@@ -549,7 +584,7 @@ TEST_F(LogUnformatted, TextWithoutAFormatIsNothing)
     start_syslog(7);
     captured_stderr console;
     const char *none = nullptr;
-    qv_logc(none);
+    qv_logc(none, 0);
     EXPECT_EQ(console.text(), "");
 }
 

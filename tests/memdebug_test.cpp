@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <initializer_list>
 #include <list>
 #include <map>
 #include <memory>
@@ -354,7 +355,7 @@ using MessageArea = WithASession;
 
 TEST_F(TrackedMalloc, PutsMarkersAroundABlockWhoseSizeIsNoPowerOfTwo)
 {
-    for (size_t size : {3, 5, 6, 7, 9, 12, 100, 4095, 4097}) {
+    for (size_t size : std::initializer_list<size_t>{3, 5, 6, 7, 9, 12, 100, 4095, 4097}) {
         void *user = qv_memcheck_malloc(noting_malloc, size, "f", 1);
         EXPECT_EQ(asked, size + 8);
         EXPECT_EQ(user, bytes_of(given) + 4);
@@ -366,7 +367,7 @@ TEST_F(TrackedMalloc, PutsMarkersAroundABlockWhoseSizeIsNoPowerOfTwo)
 
 TEST_F(TrackedMalloc, PutsNoMarkersAroundPowersOfTwoAndZero)
 {
-    for (size_t size : {0, 1, 2, 4, 8, 16, 4096, 1 << 20}) {
+    for (size_t size : std::initializer_list<size_t>{0, 1, 2, 4, 8, 16, 4096, 1 << 20}) {
         void *user = qv_memcheck_malloc(noting_malloc, size, "f", 1);
         EXPECT_EQ(asked, size);
         EXPECT_EQ(user, given);
@@ -418,7 +419,7 @@ TEST_F(TrackedMalloc, ShowsTheTotalOnTheConsole)
 
 TEST_F(TrackedMalloc, ZeroFillsThroughQvMalloc)
 {
-    for (size_t size : {8, 12}) {
+    for (size_t size : std::initializer_list<size_t>{8, 12}) {
         auto *user = static_cast<unsigned char *>(qv_memcheck_malloc(qv_malloc, size, "f", 1));
         EXPECT_TRUE(std::all_of(user, user + size, [](unsigned char c) { return c == 0; }));
         release(user);
@@ -428,7 +429,7 @@ TEST_F(TrackedMalloc, ZeroFillsThroughQvMalloc)
 TEST_F(TrackedMalloc, LogsAnAllocatorThatFails)
 {
     const captured_stderr log;
-    for (size_t size : {8, 12})
+    for (size_t size : std::initializer_list<size_t>{8, 12})
         EXPECT_EQ(qv_memcheck_malloc(no_memory, size, "f", 1), nullptr);
     const std::string line = "ERROR: qv_memcheck_malloc: allocation: Cannot allocate memory (12)";
     EXPECT_THAT(log_lines(log.text()), ElementsAre(line, line));
@@ -577,7 +578,7 @@ TEST_F(TrackedRealloc, KeepsTheMarkersOfAMarkedBlockWhateverTheNewSize)
 {
     auto *user = static_cast<unsigned char *>(block_of(12));
     memcpy(user, "abcdefghijkl", 12);
-    for (size_t size : {16, 100000, 3, 4096}) {
+    for (size_t size : std::initializer_list<size_t>{16, 100000, 3, 4096}) {
         user = static_cast<unsigned char *>(qv_memcheck_realloc(user, size, "f", 9));
         const qv::alloc_record *record = record_of(user);
         EXPECT_EQ(record->flags, 0xa0000000u);
@@ -1576,7 +1577,7 @@ TEST_F(MessageArea, FailsWhenTheTextCannotBeFormatted)
 {
     EXPECT_EQ(memdbg_printf("%lc\n", static_cast<wint_t>(0x7fffffff)), -1);
     const char *none = nullptr;
-    EXPECT_EQ(memdbg_printf(none), -1);
+    EXPECT_EQ(memdbg_printf(none, 0), -1);
     EXPECT_EQ(format_list(memdbg_vprintf, nullptr), -1);
     EXPECT_EQ(console(), "");
     EXPECT_EQ(memdbg_printf("x\n"), 0); // the lock is free

@@ -147,7 +147,7 @@ TEST(Asprintf, RefusesMissingArguments)
     char earlier[] = "x";
     char *text = earlier;
     const char *none = nullptr;
-    EXPECT_EQ(__qv_asprintf(&text, "f", 1, none), -1);
+    EXPECT_EQ(__qv_asprintf(&text, "f", 1, none, 0), -1);
     EXPECT_EQ(text, nullptr);
 }
 
@@ -188,7 +188,7 @@ TEST(Append, LeavesTheStringAloneWhenTheTextCannotBeFormatted)
     grown text("ab");
     const char *none = nullptr;
     EXPECT_EQ(qv_aasprintf(text.address(), "%lc", not_a_character), -1);
-    EXPECT_EQ(qv_aasprintf(text.address(), none), -1);
+    EXPECT_EQ(qv_aasprintf(text.address(), none, 0), -1);
     EXPECT_STREQ(text.text(), "ab");
 }
 
@@ -243,7 +243,7 @@ TEST(FdPrintf, ReturnsZeroWhenTheTextCannotBeFormatted)
     const memory_file file;
     const char *none = nullptr;
     EXPECT_EQ(qv_fdprintf(file.fd(), "%lc", not_a_character), 0);
-    EXPECT_EQ(qv_fdprintf(file.fd(), none), 0);
+    EXPECT_EQ(qv_fdprintf(file.fd(), none, 0), 0);
     EXPECT_EQ(file.text(), "");
 }
 
