@@ -6,7 +6,8 @@
 // actions a level that has cost many comparisons looks children up in an index, and insertions that sort are
 // sorted once at the end of the level, in the order that sorting after each insertion would give. Before a
 // callback of a function node runs, every level is brought into the state that the plain steps would have
-// reached, and its index dropped: the callback may look at the trees and change them.
+// reached, and its index dropped: the callback may look at the trees and change them. The same goes for a
+// not-found action of the caller's.
 
 #include <cerrno>
 #include <cstdint>
@@ -130,7 +131,7 @@ class merge_level
   public:
     merge_level(merge_level *outer_level, clparse_node *target_container, clparse_node *source_container)
         : outer(outer_level), target(target_container), source_end(source_container->value.children),
-          last_source(source_end->prev), next_source(source_end->next)
+          next_source(source_end->next), sources_left(count_links(source_end))
     {
     }
     merge_level(const merge_level &) = delete;
@@ -139,8 +140,8 @@ class merge_level
     merge_level *const outer;
     clparse_node *const target;
     clparse_node *const source_end;
-    const clparse_node *const last_source; // what a merge of a tree with itself appends is not merged again
     clparse_node *next_source;
+    size_t sources_left; // what a merge of a tree with itself appends is not merged again
 
     // The pair that is being merged: the source node or its expansion, and the function nodes that were
     // expanded.
@@ -204,6 +205,18 @@ class merge_level
     }
 
   private:
+    // The steps from the sentinel to the end of its list, or to where the list is broken.
+    static size_t count_links(const clparse_node *end)
+    {
+        size_t count = 0;
+        for (const clparse_node *node = end->next; node != end; node = node->next) {
+            count++;
+            if (!node)
+                break;
+        }
+        return count;
+    }
+
     enum class tag_order { none, letters, digits, mixed };
 
     tag_order order_with(const clparse_node *child) const
@@ -362,7 +375,7 @@ class tree_merge
             errno = EFAULT;
             return false;
         }
-        level.next_source = level.source == level.last_source ? level.source_end : level.source->next;
+        level.next_source = --level.sources_left == 0 ? level.source_end : level.source->next;
         if (level.source->type == CLPARSE_TYPE_FUNCTION) {
             if (!level.source->value.func.expand)
                 return true;
@@ -445,6 +458,14 @@ class tree_merge
         return !function || function->value.func.release(function, function->value.func.priv) == 0;
     }
 
+    // A caller's action may look at the trees and change them, as callbacks may.
+    bool report_missing()
+    {
+        if (not_found_ != clparse_not_found)
+            settle_all();
+        return not_found_(top_->target, top_->source) != -1;
+    }
+
     // Releases the source's expansion and inserts or reports a node that nobody took.
     bool finish_source()
     {
@@ -454,13 +475,13 @@ class tree_merge
             return insert_source();
         clparse_node *function = level.source_function;
         if (!function)
-            return !missing || not_found_(level.target, level.source) != -1;
+            return !missing || report_missing();
         settle_all();
         // An expansion that the merge has to delete lives until the action has seen it.
         const bool deletes = !function->value.func.release;
         if (!deletes && release_expansion(function, level.source) != 0)
             return false;
-        const bool goes_on = !missing || not_found_(level.target, level.source) != -1;
+        const bool goes_on = !missing || report_missing();
         if (deletes)
             release_expansion(function, level.source);
         return goes_on;
@@ -520,6 +541,9 @@ int clparse_dfl_found_action(clparse_node *target, clparse_node *source)
         free_text(target->value.str, QV_WHERE);
         target->value.str = nullptr;
     }
+    // What the target's value was must not be taken for callbacks.
+    if (source->type == CLPARSE_TYPE_FUNCTION && target->type != CLPARSE_TYPE_FUNCTION)
+        target->value.func = {};
     target->type = source->type;
     switch (source->type) {
     case CLPARSE_TYPE_NUMBER:
