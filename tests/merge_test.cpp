@@ -1089,6 +1089,12 @@ TEST(Merges, KeepWhatWasChangedBeforeAnAllocationFailedInWideTrees)
 // ---- Directed
 // ----------------------------------------------------------------------------------------------
 
+// "p7"
+std::string numbered(const char *prefix, size_t number)
+{
+    return std::string(prefix).append(std::to_string(number));
+}
+
 class two_trees : public testing::Test
 {
   protected:
@@ -1260,9 +1266,9 @@ TEST_F(SearchingATree, SetsEfaultForABrokenTargetList)
 TEST_F(SearchingATree, SetsEfaultForABrokenWideTargetList)
 {
     for (int i = 0; i < 200; i++)
-        add(target, clparse_create_number_node(("p" + std::to_string(i)).c_str(), 1));
+        add(target, clparse_create_number_node(numbered("p", static_cast<size_t>(i)).c_str(), 1));
     for (int i = 0; i < 4; i++)
-        add(source, clparse_create_number_node(("p" + std::to_string(60 + i)).c_str(), 5));
+        add(source, clparse_create_number_node(numbered("p", static_cast<size_t>(60 + i)).c_str(), 5));
     add(source, clparse_create_number_node("p170", 5));
     clparse_node *last = target->root.value.children->prev->prev;
     clparse_node *after_last = last->next;
@@ -1345,10 +1351,10 @@ int delete_first(clparse_node *container, clparse_node *)
 TEST_F(SearchingATree, LetsTheNotFoundActionDeleteChildrenOfAWideTarget)
 {
     for (int i = 0; i < 200; i++)
-        add(target, clparse_create_number_node(("p" + std::to_string(i)).c_str(), 1));
+        add(target, clparse_create_number_node(numbered("p", static_cast<size_t>(i)).c_str(), 1));
     for (int i = 199; i >= 0; i--) {
-        add(source, clparse_create_number_node(("x" + std::to_string(i)).c_str(), 5));
-        add(source, clparse_create_number_node(("p" + std::to_string(i)).c_str(), 5));
+        add(source, clparse_create_number_node(numbered("x", static_cast<size_t>(i)).c_str(), 5));
+        add(source, clparse_create_number_node(numbered("p", static_cast<size_t>(i)).c_str(), 5));
     }
     EXPECT_EQ(clparse_search_tree(&target->root, &source->root, clparse_dfl_found_action, delete_first), 0);
     EXPECT_EQ(tags(), "");
@@ -1487,7 +1493,7 @@ TEST_F(LargeMerges, ByInsertSortAreQuick)
     unsigned at = 0;
     for (clparse_node *n = target->root.value.children->next; n != target->root.value.children;
          n = n->next, at++)
-        ASSERT_EQ(n->tag, "p" + std::to_string(at));
+        ASSERT_EQ(n->tag, numbered("p", at));
     EXPECT_EQ(at, 2 * members);
 }
 

@@ -12,6 +12,12 @@
 namespace
 {
 
+// "p7"
+std::string numbered(size_t number)
+{
+    return std::string("p").append(std::to_string(number));
+}
+
 struct child {
     std::string tag;
     clparse_node node = {};
@@ -96,10 +102,9 @@ TEST_F(TagIndex, EqualsAWalkOverManyChildren)
 {
     std::mt19937 random(1);
     for (int i = 0; i < 3000; i++)
-        add(("p" + std::to_string(random() % 1000)).c_str(),
-            random() % 2 ? CLPARSE_TYPE_STRUCT : CLPARSE_TYPE_NULL);
+        add(numbered(random() % 1000).c_str(), random() % 2 ? CLPARSE_TYPE_STRUCT : CLPARSE_TYPE_NULL);
     for (int i = 0; i < 1100; i++) {
-        const std::string tag = "p" + std::to_string(i);
+        const std::string tag = numbered(static_cast<size_t>(i));
         clparse_node *first = nullptr, *last = nullptr, *container = nullptr;
         for (child &each : children) {
             if (each.tag != tag)
@@ -136,12 +141,12 @@ TEST_F(TagIndex, RefusesAChildWhenMemoryIsShortAndKeepsTheOthers)
         failing_alloc::after failure(successes);
         int added = 0;
         for (; added < 1000; added++)
-            if (!index.add(make(("p" + std::to_string(added)).c_str())))
+            if (!index.add(make(numbered(static_cast<size_t>(added)).c_str())))
                 break;
         EXPECT_EQ(added < 1000, failing_alloc::failed);
         for (int i = 0; i < added; i++)
-            EXPECT_NE(index.first(("p" + std::to_string(i)).c_str()), nullptr);
-        EXPECT_EQ(index.first(("p" + std::to_string(added)).c_str()), nullptr);
+            EXPECT_NE(index.first(numbered(static_cast<size_t>(i)).c_str()), nullptr);
+        EXPECT_EQ(index.first(numbered(static_cast<size_t>(added)).c_str()), nullptr);
     }
     index.clear();
     EXPECT_EQ(blocks.count(), 0u);
