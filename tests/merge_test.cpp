@@ -1447,11 +1447,11 @@ class LargeMerges : public two_trees
     void fill(const char *prefix, unsigned from)
     {
         for (unsigned i = 0; i < members; i++) {
-            const std::string tag = prefix + std::to_string(i);
+            const std::string tag = numbered(prefix, i);
             add(target, clparse_create_number_node(tag.c_str(), i));
         }
         for (unsigned i = members; i-- > 0;) {
-            const std::string tag = prefix + std::to_string(from + i);
+            const std::string tag = numbered(prefix, from + i);
             add(source, clparse_create_number_node(tag.c_str(), i + 5));
         }
     }
@@ -1495,6 +1495,16 @@ TEST_F(LargeMerges, ByInsertSortAreQuick)
          n = n->next, at++)
         ASSERT_EQ(n->tag, numbered("p", at));
     EXPECT_EQ(at, 2 * members);
+}
+
+TEST_F(LargeMerges, ByInsertSortAreQuickWhenATagOccursTwice)
+{
+    add(target, clparse_create_number_node("d", 1));
+    add(target, clparse_create_struct_node("d"));
+    fill("p", members);
+    add(source, clparse_create_number_node("d", 2));
+    EXPECT_EQ(clparse_insert_sort(target, source), 0);
+    EXPECT_EQ(count(), 2 * members + 2);
 }
 
 TEST_F(LargeMerges, ByInsertSortOfTagsThatBeginWithDigitsAreQuick)

@@ -179,6 +179,12 @@ class merge_level
         index_cost_ *= 2;
     }
 
+    // Whether a lookup depends on the order of children that are not sorted yet.
+    bool needs_order(const char *tag) const
+    {
+        return unsorted_ > 0 && index_.first(tag) != index_.last(tag);
+    }
+
     void insert(clparse_node *child)
     {
         link_last(target, child);
@@ -226,11 +232,10 @@ class merge_level
     }
 
     // Whether one sort at the end of the level gives what sorting after each insertion gives: the comparison
-    // must order all tags, and no lookup may depend on the order of children with the same tag.
+    // must order all tags.
     bool sorts_later(const clparse_node *child) const
     {
-        return order_with(child) != tag_order::mixed && !index_.has_duplicates() &&
-               !(child->tag && index_.first(child->tag));
+        return order_with(child) != tag_order::mixed;
     }
 
     // Function nodes are asked one by one, so a level that has them is walked.
@@ -396,6 +401,10 @@ class tree_merge
         level.result = -1;
         if (!source->tag)
             return finish_source();
+        if (level.needs_order(source->tag)) {
+            level.settle();
+            return walk();
+        }
         if (!is_container(source)) {
             if (clparse_node *target = level.index()->first(source->tag))
                 level.result = clparse_dfl_found_action(target, source);

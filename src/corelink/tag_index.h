@@ -33,12 +33,6 @@ class tag_index
     // had ceased to be a container is not looked at again.
     clparse_node *first_container(const char *tag);
 
-    // Whether several children have the same tag.
-    bool has_duplicates() const
-    {
-        return entry_count_ < item_count_;
-    }
-
   private:
     struct item {
         clparse_node *node;
