@@ -1,0 +1,238 @@
+// Logging. The state is written by qv_log_init, qv_log_exit and qv_log_setlevel and read by every thread that
+// logs; it takes no lock of its own. A console line is put together first, so that it leaves in one piece.
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <netdb.h>
+#include <sys/stat.h>
+#include <syslog.h>
+
+#include <qvlib/log.h>
+#include <qvlib/memcheck.h>
+#include <qvlib/strings.h>
+
+#include "guard.h"
+#include "where.h"
+
+namespace
+{
+
+constexpr int option_console = LOG_PERROR;
+constexpr uint32_t sink_syslog = 1u << 0;
+
+struct log_state {
+    std::atomic<int32_t> level;      // the highest that reaches console and system log
+    std::atomic<int32_t> options;    // openlog's bits as given; option_console is ours
+    FILE *console;                   // null means standard error
+    std::atomic<uint32_t> sinks;
+    void *tellog;                    // telnet feed
+};
+
+log_state state;
+
+constexpr char level_labels[][6] = {"EMERG", "ALERT", "CRITL", "ERROR", "WARNG",
+                                    "NOTIC", "INFOR", "DEBUG", "TELNT"};
+
+FILE *console()
+{
+    return state.console ? state.console : stderr;
+}
+
+size_t format_time(char *text, size_t size)
+{
+    const time_t now = time(nullptr);
+    struct tm utc = {};
+    gmtime_r(&now, &utc);
+    return strftime(text, size, "%b %d %T", &utc);
+}
+
+// "TIME LABEL: message" CR LF; a serial console wants both.
+QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
+{
+    char when[32];
+    format_time(when, sizeof when);
+
+    char line[1024];
+    const int start = snprintf(line, sizeof line, "%s %s: ", when, log_level(level));
+    const size_t room = sizeof line - static_cast<size_t>(start);
+    va_list copy;
+    va_copy(copy, ap);
+    const int length = vsnprintf(line + start, room, fmt, copy);
+    va_end(copy);
+
+    FILE *stream = console();
+    flockfile(stream);
+    if (length >= 0 && static_cast<size_t>(length) + 2 < room) {
+        memcpy(line + start + length, "\r\n", 2);
+        fwrite(line, 1, static_cast<size_t>(start + length) + 2, stream);
+    } else {
+        fwrite(line, 1, static_cast<size_t>(start), stream);
+        vfprintf(stream, fmt, ap);
+        fputs("\r\n", stream);
+    }
+    fflush(stream);
+    funlockfile(stream);
+}
+
+QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
+{
+    if (level == QV_LOG_TELNET || level > state.level)
+        return;
+    if (state.options & option_console) {
+        va_list copy;
+        va_copy(copy, ap);
+        write_console(level, fmt, copy);
+        va_end(copy);
+    }
+    if (state.sinks & sink_syslog)
+        vsyslog(level, fmt, ap);
+}
+
+// Logs "TEXT: ERROR (NUMBER)" at level 3.
+QV_PRINTF(3, 0) void qv_verrno(const char *errtext, int errnum, const char *fmt, va_list ap)
+{
+    char *text = nullptr;
+    if (__qv_vasprintf(&text, "qv_verrno", 262, fmt, ap) < 0)
+        return;
+    qv::tracked_guard guard(text, QV_WHERE);
+    __qv_log(QV_LOG_ERROR, "%s: %s (%d)", text, errtext, errnum);
+}
+
+// The line of a hex dump under construction; what does not fit is cut off.
+class dump_line
+{
+  public:
+    QV_PRINTF(2, 3) void add(const char *fmt, ...)
+    {
+        va_list ap;
+        va_start(ap, fmt);
+        const int length = vsnprintf(text_ + used_, sizeof text_ - used_, fmt, ap);
+        va_end(ap);
+        used_ += static_cast<size_t>(length);
+        if (used_ >= sizeof text_)
+            used_ = sizeof text_ - 1;
+    }
+    const char *text() const
+    {
+        return text_;
+    }
+
+  private:
+    char text_[160] = ""; // 30 bytes to a line, and any offset
+    size_t used_ = 0;
+};
+
+bool is_printable(unsigned char byte)
+{
+    return byte >= 0x20 && byte < 0x7f;
+}
+
+} // namespace
+
+void qv_log_init(const char *ident, int level, int options, int facility, unsigned int telnet_port)
+{
+    (void)telnet_port; // the feed is not built in yet, so its handle stays empty
+    state.level = level;
+    state.options = options;
+    state.sinks = 0;
+
+    struct stat unused;
+    if (stat("/dev/log", &unused) != 0) {
+        perror("stat(\"/dev/log\")");
+        return;
+    }
+    openlog(ident, options & ~option_console, facility);
+    state.sinks = sink_syslog;
+}
+
+void qv_log_exit(void)
+{
+    closelog();
+    state.tellog = nullptr;
+    state.level = 0;
+    state.options = 0;
+    // The sinks stay as they are: an emergency message still reaches the system log, which reopens itself.
+}
+
+void qv_log_setlevel(int level)
+{
+    state.level = level;
+}
+
+const char *log_level(int level)
+{
+    return level >= 0 && level < static_cast<int>(std::size(level_labels)) ? level_labels[level] : "-----";
+}
+
+void __qv_log(int level, const char *fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    log_message(level, fmt, ap);
+    va_end(ap);
+}
+
+void qv_logc(const char *fmt, ...)
+{
+    // The inverted sense is meant: while the library echoes messages, the host's own console output is silent.
+    if (state.options & option_console)
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(console(), fmt, ap);
+    va_end(ap);
+    fflush(console());
+}
+
+void qv_errno(const char *fmt, ...)
+{
+    const int error = errno;
+    va_list ap;
+    va_start(ap, fmt);
+    qv_verrno(strerror(error), error, fmt, ap);
+    va_end(ap);
+}
+
+void qv_gaierror(int gai_code, const char *fmt, ...)
+{
+    const int error = gai_code == EAI_SYSTEM ? errno : gai_code;
+    va_list ap;
+    va_start(ap, fmt);
+    qv_verrno(gai_code == EAI_SYSTEM ? strerror(error) : gai_strerror(gai_code), error, fmt, ap);
+    va_end(ap);
+}
+
+void __qv_loghex_line(int level, const void *buf, size_t len, size_t width, int flip)
+{
+    const bool silent = level == QV_LOG_HEX_SILENT;
+    if (!silent)
+        __qv_log(level, "**%s****************************************", flip ? "Endian Flipped" : "Hex Dump******");
+    if (width == 0)
+        return;
+
+    const auto *bytes = static_cast<const unsigned char *>(buf);
+    for (size_t offset = 0; offset < len; offset += width) {
+        const size_t shown = len - offset < width ? len - offset : width;
+        auto byte = [&](size_t i) { return bytes[offset + (flip ? width - 1 - i : i)]; };
+
+        dump_line line;
+        line.add("%.4zx: ", offset);
+        for (size_t i = 0; i < shown; i++)
+            line.add("%.2x ", byte(i));
+        for (size_t i = shown; i < width; i++)
+            line.add("   ");
+        line.add(" ");
+        for (size_t i = 0; i < shown; i++)
+            line.add("%c%s", is_printable(byte(i)) ? byte(i) : '.', i == 7 ? " " : "");
+        if (!silent)
+            __qv_log(level, "%s", line.text());
+        if (len - offset <= width)
+            return; // offset + width may not be a size_t
+    }
+}
