@@ -1,6 +1,8 @@
 // I/O vectors: results against the plain meaning of a vector, the concatenation of its entries.
 #include <qvlib/iovec.h>
 
+#include "failing_calloc.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -405,6 +407,16 @@ TEST(FillIovecSubset, FailsWithoutEntriesOrAPlaceForTheResult)
     EXPECT_EQ(fill_iovec_subset(&out, &count, 0, 0, scratch, 1, nullptr, 1), -1);
     EXPECT_EQ(fill_iovec_subset(nullptr, &count, 1, 0, scratch, 1, vector.data(), 1), -1);
     EXPECT_EQ(fill_iovec_subset(&out, nullptr, 1, 0, scratch, 1, vector.data(), 1), -1);
+}
+
+TEST(FillIovecSubset, FailsWhenItsArrayCannotBeAllocated)
+{
+    const Vector vector({10, 10});
+    const failing_calloc::after now(0);
+    const subset nothing = cut(vector, 5, 10);
+    EXPECT_EQ(nothing.result, -1);
+    EXPECT_EQ(nothing.out, nullptr);
+    EXPECT_EQ(nothing.count, -7);
 }
 
 TEST(FillIovecSubset, LeavesTheCallersVectorAlone)
