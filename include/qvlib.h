@@ -3,6 +3,7 @@
 #define QVLIB_H
 
 #include <qvlib/corelink.h>
+#include <qvlib/digest.h>
 #include <qvlib/encoding.h>
 #include <qvlib/iovec.h>
 #include <qvlib/log.h>

@@ -740,7 +740,7 @@ TEST_P(Crc32cPath, AgreesWithTheDefinitionForAnyLengthAndAlignment)
     std::vector<size_t> lengths;
     for (size_t length = 0; length < 700; length++)
         lengths.push_back(length);
-    for (const size_t length : {1023, 1024, 1025, 2048, 4031, 4032, 4033, 4096, 5040, 8192, 8999})
+    for (const size_t length : {1023u, 1024u, 1025u, 2048u, 4031u, 4032u, 4033u, 4096u, 5040u, 8192u, 8999u})
         lengths.push_back(length);
     for (const size_t length : lengths) {
         const size_t offset = random() % (bytes.size() - length);
@@ -753,7 +753,7 @@ TEST_P(Crc32cPath, AgreesWithTheDefinitionForAnyLengthAndAlignment)
 
 TEST_P(Crc32cPath, ReadsNothingBehindItsBytes)
 {
-    for (const size_t length : {1, 7, 8, 9, 191, 192, 255, 256, 257, 319, 4096, 4100}) {
+    for (const size_t length : {1u, 7u, 8u, 9u, 191u, 192u, 255u, 256u, 257u, 319u, 4096u, 4100u}) {
         guarded_bytes bytes(length);
         EXPECT_EQ(GetParam().run(~0u, bytes.data(), length), crc_state_reference(~0u, bytes.data(), length));
     }
