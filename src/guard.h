@@ -62,6 +62,11 @@ template <class T> class tracked_guard
     {
         return std::exchange(block_, nullptr);
     }
+    // Takes a block; the guard must be empty.
+    void reset(T *block)
+    {
+        block_ = block;
+    }
 
   private:
     T *block_;

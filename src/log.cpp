@@ -27,14 +27,14 @@ constexpr int option_console = LOG_PERROR;
 constexpr uint32_t sink_syslog = 1u << 0;
 
 struct log_state {
-    std::atomic<int32_t> level;      // the highest that reaches console and system log
-    std::atomic<int32_t> options;    // openlog's bits as given; option_console is ours
-    FILE *console;                   // null means standard error
+    std::atomic<int32_t> level;   // the highest that reaches console and system log
+    std::atomic<int32_t> options; // openlog's bits as given; option_console is ours
+    FILE *console;                // null means standard error
     std::atomic<uint32_t> sinks;
-    void *tellog;                    // telnet feed
+    void *tellog; // telnet feed
 };
 
-log_state state;
+constinit log_state state = {};
 
 constexpr char level_labels[][6] = {"EMERG", "ALERT", "CRITL", "ERROR", "WARNG",
                                     "NOTIC", "INFOR", "DEBUG", "TELNT"};
@@ -180,7 +180,8 @@ void __qv_log(int level, const char *fmt, ...)
 
 void qv_logc(const char *fmt, ...)
 {
-    // The inverted sense is meant: while the library echoes messages, the host's own console output is silent.
+    // The inverted sense is meant: while the library echoes messages, the host's own console output is
+    // silent.
     if (state.options & option_console)
         return;
     va_list ap;
@@ -212,7 +213,8 @@ void __qv_loghex_line(int level, const void *buf, size_t len, size_t width, int 
 {
     const bool silent = level == QV_LOG_HEX_SILENT;
     if (!silent)
-        __qv_log(level, "**%s****************************************", flip ? "Endian Flipped" : "Hex Dump******");
+        __qv_log(level, "**%s****************************************",
+                 flip ? "Endian Flipped" : "Hex Dump******");
     if (width == 0)
         return;
 

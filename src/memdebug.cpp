@@ -1,12 +1,12 @@
 // Tracked allocation and the memory debugger's console output.
 //
-// While a session runs, every tracked block has an alloc_record in the list of its function's func_record, and
-// in an index by user pointer. The functions stand in ascending order of live blocks; a function without live
-// blocks has no record. Records come from the plain allocator, never from the wrappers.
+// While a session runs, every tracked block has an alloc_record in the list of its function's func_record,
+// and in an index by user pointer. The functions stand in ascending order of live blocks; a function without
+// live blocks has no record. Records come from the plain allocator, never from the wrappers.
 //
-// Locks: table_lock guards the table, display_lock the console's output, message_lock the scrolling area. Order:
-// table_lock before display_lock, message_lock before both. Nothing is logged or reported while table_lock or
-// display_lock is held, because a report allocates and prints.
+// Locks: table_lock guards the table, display_lock the console's output, message_lock the scrolling area.
+// Order: table_lock before display_lock, message_lock before both. Nothing is logged or reported while
+// table_lock or display_lock is held, because a report allocates and prints.
 
 #include "memdebug.h"
 
@@ -35,7 +35,7 @@ constexpr uint32_t marker = 0xDEADBEEF;
 constexpr size_t marker_size = sizeof marker;
 constexpr int parking_row = 48;
 
-// ---- Output ------------------------------------------------------------------------------------------------
+// ---- Output
 
 // A peer that has gone must not end the process, so sockets are written without SIGPIPE.
 ssize_t write_quietly(int fd, const char *text, size_t length)
@@ -91,8 +91,8 @@ QV_PRINTF(2, 3) int put(memdebug_session *session, const char *format, ...)
     return length;
 }
 
-// Reports failed output. The caller holds neither table_lock nor display_lock. A report prints too and may fail
-// again: failures during a report are dropped, or it would never end.
+// Reports failed output. The caller holds neither table_lock nor display_lock. A report prints too and may
+// fail again: failures during a report are dropped, or it would never end.
 void report_output_failures(memdebug_session *session)
 {
     if (session->write_error == 0 && session->dropped.load() == nullptr)
@@ -104,8 +104,8 @@ void report_output_failures(memdebug_session *session)
         errno = error;
         qv_errno("%s: stdout failed", "mvprintf");
     }
-    // Clients are made with the plain allocator, so their release is reported as not found; that line is how a
-    // dropped client shows on the console.
+    // Clients are made with the plain allocator, so their release is reported as not found; that line is how
+    // a dropped client shows on the console.
     for (console_client *client = session->dropped.exchange(nullptr); client;) {
         console_client *following = client->next;
         qv_memcheck_free(qv_free, client, "../src/memdebug:186");
@@ -131,7 +131,7 @@ QV_PRINTF(3, 0) int put_line(memdebug_session *session, int line, const char *fo
     return emitted + put(session, "\033[%dB\r", parking_row - (line + 3));
 }
 
-// ---- The table ---------------------------------------------------------------------------------------------
+// ---- The table
 
 void init_list(func_record &head)
 {
@@ -159,7 +159,8 @@ template <class T> void link_before(T *record, T *position)
 
 size_t bucket_of(const memdebug_session *session, const void *user)
 {
-    const uint64_t mixed = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(user) >> 4) * 0x9E3779B97F4A7C15u;
+    const uint64_t mixed =
+        static_cast<uint64_t>(reinterpret_cast<uintptr_t>(user) >> 4) * 0x9E3779B97F4A7C15u;
     return static_cast<size_t>(mixed >> 32) & (session->bucket_count - 1);
 }
 
@@ -226,7 +227,8 @@ alloc_record *find_block(memdebug_session *session, const void *user)
     if (session->bucket_count == 0)
         return find_in_lists(session, user);
     alloc_record *found = nullptr;
-    for (alloc_record *record = session->buckets[bucket_of(session, user)]; record; record = record->bucket_next) {
+    for (alloc_record *record = session->buckets[bucket_of(session, user)]; record;
+         record = record->bucket_next) {
         if (record->user != user)
             continue;
         if (found)
@@ -358,7 +360,7 @@ int count_allocation(memdebug_session *session, int change)
     return gotoline(-1, "Total Allocations: %.5d", total);
 }
 
-// ---- Blocks ------------------------------------------------------------------------------------------------
+// ---- Blocks
 
 void write_markers(alloc_record *record)
 {
@@ -642,7 +644,8 @@ void scroll(memdebug_session *session, int lines)
         memcpy(session->messages[line - lines], session->messages[line], message_width);
 }
 
-// Puts one piece of text on a message line, or appends it when the line is open; returns whether it was taken.
+// Puts one piece of text on a message line, or appends it when the line is open; returns whether it was
+// taken.
 bool put_piece(memdebug_session *session, int line, const char *piece, size_t length)
 {
     // More newlines in the arguments than in the format would lead past the last line.

@@ -13,15 +13,15 @@ struct func_record;
 
 // One live tracked block.
 struct alloc_record {
-    void *block;                    // what the underlying allocator returned
-    unsigned char *post_marker;     // trailing marker of a marked block
-    void *user;                     // what the caller got
-    alloc_record *next, *prev;      // in the list of its function, newest last
-    size_t size;                    // bytes that the caller asked for
+    void *block;                // what the underlying allocator returned
+    unsigned char *post_marker; // trailing marker of a marked block
+    void *user;                 // what the caller got
+    alloc_record *next, *prev;  // in the list of its function, newest last
+    size_t size;                // bytes that the caller asked for
     uint32_t flags;
     unsigned int line;
     func_record *owner;
-    alloc_record *bucket_next;      // in the index by user pointer
+    alloc_record *bucket_next; // in the index by user pointer
 };
 
 inline constexpr uint32_t flag_malloc = UINT32_C(1) << 31;
@@ -30,11 +30,11 @@ inline constexpr uint32_t flag_marked = UINT32_C(1) << 29;
 
 // The live blocks of one function name.
 struct func_record {
-    func_record *next, *prev;       // in ascending order of count
+    func_record *next, *prev; // in ascending order of count
     char *name;
     int count;
     size_t total;
-    alloc_record blocks;            // list head
+    alloc_record blocks; // list head
 };
 
 struct console_client {
@@ -48,25 +48,25 @@ inline constexpr int message_width = 256;
 struct memdebug_session {
     std::atomic<unsigned char> enabled;
     pthread_t display_thread, listener_thread;
-    func_record funcs;              // list head
-    pthread_mutex_t table_lock;     // funcs, their blocks, the index and total_allocations
-    pthread_mutex_t display_lock;   // what is written to the console
+    func_record funcs;            // list head
+    pthread_mutex_t table_lock;   // funcs, their blocks, the index and total_allocations
+    pthread_mutex_t display_lock; // what is written to the console
     int current_line, max_line;
     int total_allocations;
     char messages[message_lines][message_width];
-    pthread_mutex_t message_lock;   // messages and line_complete
+    pthread_mutex_t message_lock; // messages and line_complete
     int output_fd;
     void (*error_hook)(int);
     unsigned char line_complete;
     const char *listen_service;
-    console_client clients;         // list head
+    console_client clients; // list head
 
     // Index of the live blocks by user pointer, so that finding one does not walk the lists.
     alloc_record **buckets;
     size_t bucket_count, block_count;
 
     // Failed output is reported once the locks are free: the report allocates and prints itself.
-    std::atomic<int> write_error;   // errno of a failed write, 0 for none
+    std::atomic<int> write_error; // errno of a failed write, 0 for none
     std::atomic<console_client *> dropped;
     std::atomic<bool> reporting;
 };

@@ -1,8 +1,8 @@
 // Builds the tree while the parser reads.
 //
-// The head's cursor is the record that the next value or member fills; its parent is the container that is being
-// filled. A node is linked into its container only when it is complete. One record that the reader has finished
-// with is kept for the next cursor.
+// The head's cursor is the record that the next value or member fills; its parent is the container that is
+// being filled. A node is linked into its container only when it is complete. One record that the reader has
+// finished with is kept for the next cursor.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,8 @@ class tree_builder
     // "}" or "]": the container is the cursor again.
     void close(int type);
 
-    // The cursor is complete: it is linked into its container and a new cursor follows it. A tag is handed over.
+    // The cursor is complete: it is linked into its container and a new cursor follows it. A tag is handed
+    // over.
     build_result add_null(char *tag);
     build_result add_member(char *tag);
     build_result add_element();

@@ -19,12 +19,12 @@ using namespace qv;
 namespace qv
 {
 
-// The index of a large container. The container's sentinel points to it while the text is read, through a word
-// that sentinels do not use otherwise.
+// The index of a large container. The container's sentinel points to it while the text is read, through a
+// word that sentinels do not use otherwise.
 struct tree_builder::container_index {
     tag_index index;
     clparse_node *sentinel;
-    clparse_node *last;             // the last child that was added
+    clparse_node *last; // the last child that was added
     container_index *next;
 };
 

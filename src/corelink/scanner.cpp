@@ -1,9 +1,9 @@
 // The corelink scanner: flex's tables and matching loop, and the reentrant interface around them.
 //
-// The generated scanner ends the process when it cannot go on. Here it never does: whatever a generated function
-// needs is made before it is called (a slot in the stack of buffers, a buffer), functions that allocate are
-// written out below, and a buffer that cannot grow ends the input. The generated functions carry the prefix
-// "flex"; the exported ones are at the end.
+// The generated scanner ends the process when it cannot go on. Here it never does: whatever a generated
+// function needs is made before it is called (a slot in the stack of buffers, a buffer), functions that
+// allocate are written out below, and a buffer that cannot grow ends the input. The generated functions carry
+// the prefix "flex"; the exported ones are at the end.
 
 #include <cerrno>
 #include <climits>
@@ -18,7 +18,7 @@
 // What a scanner holds beside the generated state.
 struct scanner_extra {
     void *user_data;
-    bool full;                      // the buffer could not grow to hold a token
+    bool full; // the buffer could not grow to hold a token
 };
 
 namespace

@@ -76,9 +76,18 @@ template <class T> bool resize(T *&array, size_t count)
 
 tag_index::~tag_index()
 {
+    clear();
+}
+
+void tag_index::clear()
+{
     free(items_);
     free(entries_);
     free(slots_);
+    items_ = nullptr;
+    entries_ = nullptr;
+    slots_ = nullptr;
+    item_count_ = entry_count_ = item_room_ = slot_count_ = 0;
 }
 
 tag_index::entry *tag_index::find(const char *tag, uint32_t hash) const

@@ -1,8 +1,8 @@
 // An index of a container's children by tag, for lookups in containers that texts from outside made large.
 //
-// It is a hash table with a secret seed, so that a sender can't choose tags that collide. Children are added in
-// list order; for each tag it knows the first and the last child and the first one that is a container. An index
-// that runs out of memory says so once and is not used any further: its user walks the list instead.
+// It is a hash table with a secret seed, so that a sender can't choose tags that collide. Children are added
+// in list order; for each tag it knows the first and the last child and the first one that is a container. An
+// index that can't grow says so, and its user walks the list instead.
 #pragma once
 
 #include <cstddef>
@@ -20,6 +20,8 @@ class tag_index
     tag_index(const tag_index &) = delete;
     tag_index &operator=(const tag_index &) = delete;
 
+    void clear();
+
     // Adds the next child; one without a tag is left out. False when memory is short.
     bool add(clparse_node *child);
 
@@ -27,19 +29,25 @@ class tag_index
     clparse_node *first(const char *tag) const;
     clparse_node *last(const char *tag) const;
 
-    // The first child with this tag that is a struct or array now. A child that was passed over because it had
-    // ceased to be a container is not looked at again.
+    // The first child with this tag that is a struct or array now. A child that was passed over because it
+    // had ceased to be a container is not looked at again.
     clparse_node *first_container(const char *tag);
+
+    // Whether several children have the same tag.
+    bool has_duplicates() const
+    {
+        return entry_count_ < item_count_;
+    }
 
   private:
     struct item {
         clparse_node *node;
-        uint32_t next;              // following child with the same tag, or none
+        uint32_t next; // following child with the same tag, or none
     };
     struct entry {
         uint32_t hash;
-        uint32_t first, last;       // items
-        uint32_t container;         // item at which the search for a container goes on, or none
+        uint32_t first, last; // items
+        uint32_t container;   // item at which the search for a container goes on, or none
     };
 
     entry *find(const char *tag, uint32_t hash) const;
@@ -48,8 +56,8 @@ class tag_index
     void place(uint32_t entry_index);
 
     item *items_ = nullptr;
-    entry *entries_ = nullptr;      // room for one entry per item
-    uint32_t *slots_ = nullptr;     // open addressing: entry index + 1, 0 for free
+    entry *entries_ = nullptr;  // room for one entry per item
+    uint32_t *slots_ = nullptr; // open addressing: entry index + 1, 0 for free
     uint32_t item_count_ = 0, entry_count_ = 0, item_room_ = 0, slot_count_ = 0;
 };
 

@@ -1,8 +1,8 @@
 // The corelink node tree.
 //
-// Children hang in a circular list through a sentinel, a record of node size that the container owns; a detached
-// node is linked to itself. A tree may be as deep as memory allows, so walks over it are loops that climb by the
-// nodes' parents. Every record, tag and value is a tracked allocation.
+// Children hang in a circular list through a sentinel, a record of node size that the container owns; a
+// detached node is linked to itself. A tree may be as deep as memory allows, so walks over it are loops that
+// climb by the nodes' parents. Every record, tag and value is a tracked allocation.
 
 #include "tree.h"
 
@@ -135,7 +135,8 @@ clparse_node *copy_one(const clparse_node *source, clparse_node *parent)
     return copy;
 }
 
-// Copies the descendants of `source` into its copy. On failure returns the container that could not be filled.
+// Copies the descendants of `source` into its copy. On failure returns the container that could not be
+// filled.
 clparse_node *copy_descendants(const clparse_node *source, clparse_node *copy)
 {
     const clparse_node *from = source; // the container whose children are being copied
@@ -188,6 +189,18 @@ bool is_droppable(const clparse_node *node)
 
 namespace qv
 {
+
+clparse_node *copy_subtree(const clparse_node *source, clparse_node *parent)
+{
+    clparse_node *copy = copy_one(source, parent);
+    if (!copy)
+        return nullptr;
+    if (clparse_node *failed = copy_descendants(source, copy)) {
+        abandon_copies(failed, copy);
+        return nullptr;
+    }
+    return copy;
+}
 
 int release_expansion(clparse_node *function, clparse_node *expansion)
 {
@@ -257,13 +270,9 @@ void clparse_free_children(clparse_node *container)
 
 int clparse_insert_new(clparse_node *parent, clparse_node *source)
 {
-    clparse_node *copy = copy_one(source, parent);
+    clparse_node *copy = copy_subtree(source, parent);
     if (!copy)
         return -1;
-    if (clparse_node *failed = copy_descendants(source, copy)) {
-        abandon_copies(failed, copy);
-        return -1;
-    }
     link_last(parent, copy);
     return 0;
 }
@@ -500,7 +509,8 @@ int clparse_set_node_tag(clparse_node *node, const char *tag)
 {
     if (!node)
         return -1;
-    char *copy = clparse_strdup(tag, "clparse_set_node_tag", __LINE__); // first: the tag may be the node's own
+    char *copy =
+        clparse_strdup(tag, "clparse_set_node_tag", __LINE__); // first: the tag may be the node's own
     free_text(node->tag, QV_WHERE);
     node->tag = copy;
     return 0;

@@ -77,6 +77,9 @@ inline clparse_node *expand_function(clparse_node *node)
     return node->value.func.expand ? node->value.func.expand(node, node->value.func.priv) : nullptr;
 }
 
+// A deep copy of `source`, to be linked into `parent`; null when memory is short.
+clparse_node *copy_subtree(const clparse_node *source, clparse_node *parent);
+
 // Ends the use of an expansion: the owner's release, or deletion. Returns release's result, or 0.
 int release_expansion(clparse_node *function, clparse_node *expansion);
 
