@@ -10,6 +10,7 @@
 #include <qvlib/memcheck.h>
 #include <qvlib/queue.h>
 #include <qvlib/scanner.h>
+#include <qvlib/scsi.h>
 #include <qvlib/strings.h>
 
 #endif
