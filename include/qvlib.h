@@ -11,6 +11,7 @@
 #include <qvlib/queue.h>
 #include <qvlib/scanner.h>
 #include <qvlib/scsi.h>
+#include <qvlib/sfp.h>
 #include <qvlib/strings.h>
 
 #endif
