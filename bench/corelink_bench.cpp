@@ -236,14 +236,15 @@ template <shape make> void jansson_update(benchmark::State &state)
 SHAPE_ROWS(ports, configurations)
 SHAPE_ROWS(flat, growing)
 SHAPE_ROWS(dotted, growing)
+ROWS(parse_and_free<dotted_twice>, growing);
 SHAPE_ROWS(strings, growing)
 SHAPE_ROWS(numbers, growing)
 SHAPE_ROWS(one_string, bytes)
 
-ROWS((merge_trees<ports, ports, clparse_update>), configurations);
-ROWS((merge_trees<ports, ports, clparse_select>), configurations);
-ROWS((merge_trees<ports, ports, clparse_insert>), configurations);
-ROWS((merge_trees<ports, ports, clparse_insert_sort>), configurations);
+ROWS((merge_trees<tagged_ports, tagged_ports, clparse_update>), configurations);
+ROWS((merge_trees<tagged_ports, tagged_ports, clparse_select>), configurations);
+ROWS((merge_trees<tagged_ports, tagged_ports, clparse_insert>), configurations);
+ROWS((merge_trees<tagged_ports, tagged_ports, clparse_insert_sort>), configurations);
 ROWS((merge_trees<flat, flat, clparse_update>), growing);
 ROWS((merge_trees<flat, flat, clparse_select>), growing);
 ROWS((merge_trees<flat, reversed, clparse_update>), growing);

@@ -1,8 +1,11 @@
 // Documents of growing size, what the benches of the corelink road share, and how they report.
 #pragma once
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <malloc.h>
+#include <cstring>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -10,6 +13,10 @@
 
 namespace bench
 {
+
+// Keeps freed memory in the process, as in a daemon that has run for a while: without it, each round over a
+// large document would measure how the kernel hands out pages.
+inline const int memory_kept = mallopt(M_TRIM_THRESHOLD, INT_MAX) & mallopt(M_MMAP_MAX, 0);
 
 inline void release(char *text)
 {
@@ -62,6 +69,17 @@ inline std::string ports(int items, int, const char *change)
     return text;
 }
 
+// The same with tags everywhere: an update refuses array elements, which have none.
+inline std::string tagged_ports(int items, int, const char *change)
+{
+    std::string text = ports(items, 0, change);
+    for (size_t at = text.find("[1,2,3,{"); at != std::string::npos; at = text.find("[1,2,3,{", at))
+        text.replace(at, strlen("[1,2,3,{"), "{a=1,b=2,c={");
+    for (size_t at = text.find("}],"); at != std::string::npos; at = text.find("}],", at))
+        text.replace(at, strlen("}],"), "}},");
+    return text;
+}
+
 inline std::string flat(int items, int first, const char *change)
 {
     std::string text = "first=1";
@@ -92,6 +110,13 @@ inline std::string dotted(int items, int, const char *)
     std::string text = "first=1";
     for (int i = 0; i < items; i++)
         text += ",prefix_" + std::to_string(i) + ".value=" + std::to_string(i);
+    return text;
+}
+
+// As dotted, then a second member for each prefix in another order.
+inline std::string dotted_twice(int items, int, const char *)
+{
+    std::string text = dotted(items, 0, "");
     for (int i = 0; i < items; i++)
         text += ",prefix_" + std::to_string((i * 7L + 3) % items) + ".other=" + std::to_string(i);
     return text;
