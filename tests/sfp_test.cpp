@@ -5,6 +5,7 @@
 #include <qvlib/strings.h>
 
 #include "guarded_bytes.h"
+#include "tracked_session.h"
 
 #include <gtest/gtest.h>
 
@@ -448,4 +449,29 @@ TEST(SfpToCorelink, FailsWhenTheReportCannotGrow)
         failures++;
     }
     EXPECT_GE(failures, 15);
+}
+
+// The scratch text of the options is a plain block, unknown to the memory debugger.
+TEST(SfpToCorelink, HasNoOptionsWhileTheMemoryDebuggerRuns)
+{
+    const tracked_session session;
+    char *text = nullptr;
+    EXPECT_EQ(sfp_to_corelink(make_block().data(), &text), 0);
+    ASSERT_NE(text, nullptr);
+    EXPECT_NE(strstr(text, "Name=\"Option\",Value=\"(null)\"}"), nullptr);
+    EXPECT_EQ(tracked_session::faults, 1);
+    qv_memcheck_free(qv_free, text, "sfp_test");
+    EXPECT_TRUE(session.counts().empty());
+}
+
+TEST(SfpToCorelink, TracksNothingButItsReport)
+{
+    const tracked_session session;
+    std::vector<unsigned char> block = make_block();
+    block[65] = 0;
+    char *text = nullptr;
+    EXPECT_EQ(sfp_to_corelink(block.data(), &text), 0);
+    EXPECT_EQ(tracked_session::faults, 0);
+    EXPECT_EQ(session.counts(), (std::map<std::string, int>{{"qv_vaasprintf", 1}}));
+    qv_memcheck_free(qv_free, text, "sfp_test");
 }
