@@ -1,8 +1,8 @@
 /*
  * SFP and GBIC transceivers: the identification block (SFF-8472, two-wire address A0h) in words.
  *
- * A decoder compares a code byte with the values that it knows; bits are not decoded one by one. Decoders never
- * return NULL, and their texts are constant: nobody releases them.
+ * A decoder compares a code byte with the values that it knows; bits are not decoded one by one. Decoders
+ * never return NULL, and their texts are constant: nobody releases them.
  *
  * Threads: no state is kept; any thread may call any function.
  */
@@ -33,8 +33,8 @@ const char *sfp_fc_sonet(unsigned char byte4, unsigned char byte5);
 const char *sfp_fc_tx(unsigned char byte7, unsigned char byte8);
 
 /*
- * Appends the texts of the options that are set, from bit 15 down and separated by ", ", to an allocated text. What
- * was appended is cut at its last comma; without any option the text stays as it is.
+ * Appends the texts of the options that are set, from bit 15 down and separated by ", ", to an allocated
+ * text. What was appended is cut at its last comma; without any option the text stays as it is.
  *
  * options  bytes 64 and 65 of the block, byte 64 the upper one
  * text     a text of the kind that qv_aasprintf grows; grown in place
@@ -45,19 +45,19 @@ const char *sfp_fc_tx(unsigned char byte7, unsigned char byte8);
 char *sfp_option(uint16_t options, char **text);
 
 /*
- * Writes a report of an identification block, "sfp_data=[{Id="sfp_vendor_name",Name="Vendor name",Value="..."},...]":
- * a corelink member with an array of fifteen structs, which clparse_start reads.
+ * Writes a report of an identification block, "sfp_data=[{Id="sfp_vendor_name",Name="Vendor
+ * name",Value="..."},...]": a corelink member with an array of fifteen structs, which clparse_start reads.
  *
- * block  SFP_BLOCK_SIZE bytes. The vendor's texts are copied as they are, trailing spaces included, up to a zero
- *        byte; a quote or backslash in them is not escaped.
+ * block  SFP_BLOCK_SIZE bytes. The vendor's texts are copied as they are, trailing spaces included, up to a
+ *        zero byte; a quote or backslash in them is not escaped.
  * out    set to a new text
  *
- * Returns 0, or a negative value: an argument is NULL, or memory is short (*out is then unset, NULL or holds a part
- * of the report).
+ * Returns 0, or a negative value: an argument is NULL, or memory is short (*out is then unset, NULL or holds
+ * a part of the report).
  * Ownership: release *out with qv_memcheck_free(qv_free, ...).
  *
- * The options are gathered in a plain block, which a running memory debugger does not know: it reports the block's
- * growth, and the options of a block that has any read as the C library's text for a NULL string.
+ * The options are gathered in a plain block, which a running memory debugger does not know: it reports the
+ * block's growth, and the options of a block that has any read as the C library's text for a NULL string.
  */
 int sfp_to_corelink(const unsigned char *block, char **out);
 
