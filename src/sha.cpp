@@ -12,7 +12,8 @@
 #include <utility>
 
 static_assert(offsetof(sha1_ctx, state) == 0 && offsetof(sha1_ctx, buffer) == offsetof(sha1_ctx, length) + 8);
-static_assert(offsetof(sha1_ctx, length) == (alignof(uint64_t) == 8 ? 24 : 20));
+// Some 32-bit processors align 64-bit words to four bytes.
+static_assert(offsetof(sha1_ctx, length) == 24 || (sizeof(void *) == 4 && offsetof(sha1_ctx, length) == 20));
 static_assert(offsetof(sha256_ctx, state) == 0 && offsetof(sha256_ctx, length) == 32 &&
               offsetof(sha256_ctx, buffer) == 40 && sizeof(sha256_ctx) == 104);
 

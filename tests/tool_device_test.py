@@ -277,7 +277,10 @@ class Passwords(ToolTest):
         """Runs qvl on a terminal, answers each of its prompts, and returns all that was shown and the status."""
         pid, terminal = pty.fork()
         if pid == 0:
-            os.execv(QVL, [QVL, *arguments])
+            try:
+                os.execv(QVL, [QVL, *arguments])
+            finally:
+                os._exit(127)
         shown = b""
         answered = 0
         while True:
