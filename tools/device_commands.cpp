@@ -227,7 +227,7 @@ void add_scsi(CLI::App &app, device_options &options, std::function<int()> &run)
                  "Examples:\n"
                  "  qvl scsi sense 6 29 00\n"
                  "  qvl scsi opcode 2a\n"
-                 "  echo 70 00 06 00 00 00 00 0a 00 00 00 00 29 00 | qvl scsi decode -");
+                 "  echo 70 00 06 00 00 00 00 06 00 00 00 00 29 00 | qvl scsi decode -");
 }
 
 void add_crc32c(CLI::App &app, device_options &options, std::function<int()> &run)
