@@ -9,6 +9,24 @@
 namespace qv
 {
 
+// Gives errno its value back.
+class errno_guard
+{
+  public:
+    errno_guard() : kept_(errno)
+    {
+    }
+    ~errno_guard()
+    {
+        errno = kept_;
+    }
+    errno_guard(const errno_guard &) = delete;
+    errno_guard &operator=(const errno_guard &) = delete;
+
+  private:
+    int kept_;
+};
+
 // Holds a mutex.
 class mutex_guard
 {
