@@ -46,6 +46,7 @@ FILE *console()
 
 size_t format_time(char *text, size_t size)
 {
+    const qv::errno_guard unchanged; // the message may contain %m
     const time_t now = time(nullptr);
     struct tm utc = {};
     gmtime_r(&now, &utc);
@@ -66,6 +67,7 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
     const int length = vsnprintf(line + start, room, fmt, copy);
     va_end(copy);
 
+    const qv::errno_guard unchanged; // the console's errors are nobody's
     FILE *stream = console();
     flockfile(stream);
     if (length >= 0 && static_cast<size_t>(length) + 2 < room) {
@@ -82,7 +84,8 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
 
 QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
 {
-    if (level == QV_LOG_TELNET || level > state.level)
+    const qv::errno_guard unchanged; // failing functions log first and return errno afterwards
+    if (!fmt || level == QV_LOG_TELNET || level > state.level)
         return;
     if (state.options & option_console) {
         va_list copy;
@@ -104,6 +107,8 @@ QV_PRINTF(3, 0) void qv_verrno(const char *errtext, int errnum, const char *fmt,
     __qv_log(QV_LOG_ERROR, "%s: %s (%d)", text, errtext, errnum);
 }
 
+constexpr size_t max_dump_width = 30;
+
 // The line of a hex dump under construction; what does not fit is cut off.
 class dump_line
 {
@@ -118,13 +123,17 @@ class dump_line
         if (used_ >= sizeof text_)
             used_ = sizeof text_ - 1;
     }
+    bool is_full() const
+    {
+        return used_ == sizeof text_ - 1;
+    }
     const char *text() const
     {
         return text_;
     }
 
   private:
-    char text_[160] = ""; // 30 bytes to a line, and any offset
+    char text_[160] = ""; // max_dump_width bytes to a line, and any offset
     size_t used_ = 0;
 };
 
@@ -182,7 +191,7 @@ void qv_logc(const char *fmt, ...)
 {
     // The inverted sense is meant: while the library echoes messages, the host's own console output is
     // silent.
-    if (state.options & option_console)
+    if (!fmt || state.options & option_console)
         return;
     va_list ap;
     va_start(ap, fmt);
@@ -215,22 +224,24 @@ void __qv_loghex_line(int level, const void *buf, size_t len, size_t width, int 
     if (!silent)
         __qv_log(level, "**%s****************************************",
                  flip ? "Endian Flipped" : "Hex Dump******");
-    if (width == 0)
+    if (width == 0 || !buf)
         return;
 
     const auto *bytes = static_cast<const unsigned char *>(buf);
     for (size_t offset = 0; offset < len; offset += width) {
         const size_t shown = len - offset < width ? len - offset : width;
-        auto byte = [&](size_t i) { return bytes[offset + (flip ? width - 1 - i : i)]; };
+        // Callers that flip pass whole lines; a width beyond the limit is no reason to read that far.
+        const size_t flipped = width <= max_dump_width ? width : shown;
+        auto byte = [&](size_t i) { return bytes[offset + (flip ? flipped - 1 - i : i)]; };
 
         dump_line line;
         line.add("%.4zx: ", offset);
-        for (size_t i = 0; i < shown; i++)
+        for (size_t i = 0; i < shown && !line.is_full(); i++)
             line.add("%.2x ", byte(i));
-        for (size_t i = shown; i < width; i++)
+        for (size_t i = shown; i < width && !line.is_full(); i++)
             line.add("   ");
         line.add(" ");
-        for (size_t i = 0; i < shown; i++)
+        for (size_t i = 0; i < shown && !line.is_full(); i++)
             line.add("%c%s", is_printable(byte(i)) ? byte(i) : '.', i == 7 ? " " : "");
         if (!silent)
             __qv_log(level, "%s", line.text());

@@ -5,16 +5,19 @@
 // live blocks has no record. Records come from the plain allocator, never from the wrappers.
 //
 // Locks: table_lock guards the table, display_lock the console's output, message_lock the scrolling area.
-// Order: table_lock before display_lock, message_lock before both. Nothing is logged or reported while
-// table_lock or display_lock is held, because a report allocates and prints.
+// Order: table_lock before display_lock, message_lock before both. Nothing is logged or reported while one of
+// them is held, because a report allocates and prints.
 
 #include "memdebug.h"
 
 #include <cerrno>
+#include <cinttypes>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,14 +37,33 @@ std::atomic<memdebug_session *> the_session;
 constexpr uint32_t marker = 0xDEADBEEF;
 constexpr size_t marker_size = sizeof marker;
 constexpr int parking_row = 48;
+constexpr int first_message_line = 34;
 
 // ---- Output
 
-// A peer that has gone must not end the process, so sockets are written without SIGPIPE.
+// As write, but the SIGPIPE of a pipe without a reader is held back and taken.
+ssize_t write_to_file(int fd, const char *text, size_t length)
+{
+    sigset_t broken_pipe, mask, pending;
+    sigemptyset(&broken_pipe);
+    sigaddset(&broken_pipe, SIGPIPE);
+    sigpending(&pending);
+    pthread_sigmask(SIG_BLOCK, &broken_pipe, &mask);
+    const ssize_t written = write(fd, text, length);
+    const errno_guard unchanged;
+    if (written < 0 && errno == EPIPE && !sigismember(&pending, SIGPIPE)) {
+        const timespec at_once = {};
+        sigtimedwait(&broken_pipe, nullptr, &at_once);
+    }
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    return written;
+}
+
+// A peer that has gone must not end the process, so nothing is written with SIGPIPE.
 ssize_t write_quietly(int fd, const char *text, size_t length)
 {
     const ssize_t sent = send(fd, text, length, MSG_NOSIGNAL);
-    return sent < 0 && errno == ENOTSOCK ? write(fd, text, length) : sent;
+    return sent < 0 && errno == ENOTSOCK ? write_to_file(fd, text, length) : sent;
 }
 
 void drop_client(memdebug_session *session, console_client *client)
@@ -57,6 +79,7 @@ void drop_client(memdebug_session *session, console_client *client)
 // Writes a text to the console; what fails is noted for report_output_failures.
 int put_text(memdebug_session *session, const char *text, int length)
 {
+    const errno_guard unchanged;
     if (session->output_fd >= 1) {
         if (write_quietly(session->output_fd, text, static_cast<size_t>(length)) < 0)
             session->write_error = errno;
@@ -74,7 +97,7 @@ int put_text(memdebug_session *session, const char *text, int length)
 QV_PRINTF(2, 0) int put_formatted(memdebug_session *session, const char *format, va_list ap)
 {
     char *text = nullptr;
-    const int length = vasprintf(&text, format, ap);
+    const int length = format ? vasprintf(&text, format, ap) : -1;
     if (length < 0)
         return -1;
     const int result = put_text(session, text, length);
@@ -99,6 +122,7 @@ void report_output_failures(memdebug_session *session)
         return;
     if (session->reporting.exchange(true))
         return;
+    const errno_guard unchanged;
     const int error = session->write_error.exchange(0);
     if (error != 0) {
         errno = error;
@@ -122,13 +146,23 @@ QV_PRINTF(3, 0) int put_line(memdebug_session *session, int line, const char *fo
     if (line > session->max_line)
         session->max_line = line;
     session->current_line = line;
-    int emitted = put(session, "\033[H\033[%dB", line + 3);
+    const int64_t row = int64_t{line} + 3;
+    int emitted = put(session, "\033[H\033[%" PRId64 "B", row);
     if (format) {
         emitted += put(session, "\r\033[K");
         emitted += put_formatted(session, format, ap);
         fflush(stdout);
     }
-    return emitted + put(session, "\033[%dB\r", parking_row - (line + 3));
+    return emitted + put(session, "\033[%" PRId64 "B\r", parking_row - row);
+}
+
+QV_PRINTF(3, 4) int print_line(memdebug_session *session, int line, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    const int emitted = put_line(session, line, format, ap);
+    va_end(ap);
+    return emitted;
 }
 
 // ---- The table
@@ -164,38 +198,38 @@ size_t bucket_of(const memdebug_session *session, const void *user)
     return static_cast<size_t>(mixed >> 32) & (session->bucket_count - 1);
 }
 
-void grow_index(memdebug_session *session)
+void enter_in_bucket(memdebug_session *session, alloc_record *record)
 {
-    const size_t old_count = session->bucket_count;
-    const size_t count = old_count ? old_count * 2 : 1024;
-    auto **buckets = static_cast<alloc_record **>(calloc(count, sizeof(alloc_record *)));
-    if (!buckets)
-        return; // longer chains do as well
-    alloc_record **old_buckets = session->buckets;
-    session->buckets = buckets;
-    session->bucket_count = count;
-    for (size_t i = 0; i < old_count; i++) {
-        for (alloc_record *record = old_buckets[i]; record;) {
-            alloc_record *following = record->bucket_next;
-            const size_t bucket = bucket_of(session, record->user);
-            record->bucket_next = buckets[bucket];
-            buckets[bucket] = record;
-            record = following;
-        }
-    }
-    free(old_buckets);
-}
-
-void index_block(memdebug_session *session, alloc_record *record)
-{
-    if (session->block_count >= session->bucket_count)
-        grow_index(session);
-    session->block_count++;
-    if (session->bucket_count == 0)
-        return; // no index could be had: find walks the lists
     alloc_record *&bucket = session->buckets[bucket_of(session, record->user)];
     record->bucket_next = bucket;
     bucket = record;
+}
+
+// Makes a larger index of all blocks in the lists; false when memory is short.
+bool rebuild_index(memdebug_session *session)
+{
+    const size_t count = session->bucket_count ? session->bucket_count * 2 : 1024;
+    auto **buckets = static_cast<alloc_record **>(calloc(count, sizeof(alloc_record *)));
+    if (!buckets)
+        return false;
+    free(session->buckets);
+    session->buckets = buckets;
+    session->bucket_count = count;
+    for (func_record *func = session->funcs.next; func != &session->funcs; func = func->next)
+        for (alloc_record *record = func->blocks.next; record != &func->blocks; record = record->next)
+            enter_in_bucket(session, record);
+    return true;
+}
+
+// Enters a block that is in its function's list. While no larger index can be had longer chains do as well,
+// and without any find walks the lists.
+void index_block(memdebug_session *session, alloc_record *record)
+{
+    session->block_count++;
+    if (session->block_count > session->bucket_count && rebuild_index(session))
+        return;
+    if (session->bucket_count != 0)
+        enter_in_bucket(session, record);
 }
 
 void unindex_block(memdebug_session *session, const alloc_record *record)
@@ -238,6 +272,29 @@ alloc_record *find_block(memdebug_session *session, const void *user)
     return found;
 }
 
+// A record for a function name, not in the table yet; null when memory is short.
+func_record *make_function(const char *name)
+{
+    auto *func = static_cast<func_record *>(calloc(1, sizeof(func_record)));
+    if (!func)
+        return nullptr;
+    func->name = strdup(name);
+    if (!func->name) {
+        free(func);
+        return nullptr;
+    }
+    init_list(func->blocks);
+    return func;
+}
+
+void free_function(func_record *func)
+{
+    if (func) {
+        free(func->name);
+        free(func);
+    }
+}
+
 // Restores the ascending order of counts around a record whose count went up.
 void move_towards_tail(memdebug_session *session, func_record *func)
 {
@@ -255,8 +312,7 @@ void move_towards_head(memdebug_session *session, func_record *func)
 {
     if (func->count == 0) {
         unlink(func);
-        free(func->name);
-        free(func);
+        free_function(func);
         return;
     }
     func_record *position = func;
@@ -276,34 +332,20 @@ func_record *find_function(memdebug_session *session, const char *name)
     return nullptr;
 }
 
-// A record for a function that has no live block yet, linked in front; null when memory is short.
-func_record *add_function(memdebug_session *session, const char *name)
+// Enters a block under the name of the function record that it brings along, which becomes the table's when
+// the name is new there. Returns the user pointer, or null when no name was given: the block stays unknown.
+void *register_block(memdebug_session *session, alloc_record *record)
 {
-    auto *func = static_cast<func_record *>(calloc(1, sizeof(func_record)));
-    if (!func)
-        return nullptr;
-    func->name = strdup(name);
-    if (!func->name) {
-        free(func);
-        return nullptr;
-    }
-    init_list(func->blocks);
-    link_before(func, session->funcs.next);
-    return func;
-}
-
-// Enters a block under a function name. Returns the user pointer, or null when the block stays unknown to the
-// table: no name was given, or memory is short.
-void *register_block(memdebug_session *session, alloc_record *record, const char *name)
-{
-    if (!name)
+    if (!record->owner)
         return nullptr;
     mutex_guard lock(session->table_lock);
-    func_record *func = find_function(session, name);
-    if (!func)
-        func = add_function(session, name);
-    if (!func)
-        return nullptr;
+    func_record *func = find_function(session, record->owner->name);
+    if (func) {
+        free_function(record->owner);
+    } else {
+        func = record->owner;
+        link_before(func, session->funcs.next);
+    }
     link_before(record, &func->blocks);
     record->owner = func;
     func->count++;
@@ -361,6 +403,43 @@ int count_allocation(memdebug_session *session, int change)
 }
 
 // ---- Blocks
+
+// Logging allocates its text under this name. That failure is not logged, or the log would call itself until
+// the stack ends.
+bool is_log_text(const char *func)
+{
+    return func && strcmp(func, "qv_verrno") == 0;
+}
+
+void log_no_record(const char *wrapper, const char *func, size_t size)
+{
+    if (!is_log_text(func))
+        qv_errno("%s: malloc failed for %s size %zu", wrapper, func ? func : "(null)", size);
+}
+
+// A record for a block to be made, with one for its function, so that what was allocated can always be
+// entered; without a name it has none. Null when memory is short.
+alloc_record *make_record(const char *func, size_t size, uint32_t flags)
+{
+    auto *record = static_cast<alloc_record *>(calloc(1, sizeof(alloc_record)));
+    if (!record)
+        return nullptr;
+    record->owner = func ? make_function(func) : nullptr;
+    if (func && !record->owner) {
+        free(record);
+        return nullptr;
+    }
+    record->size = size;
+    record->flags = flags;
+    return record;
+}
+
+// Frees a record that is not in the table.
+void free_record(alloc_record *record)
+{
+    free_function(record->owner);
+    free(record);
+}
 
 void write_markers(alloc_record *record)
 {
@@ -503,23 +582,22 @@ void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *fu
     if (!session)
         return allocator(size);
 
-    auto *record = static_cast<alloc_record *>(calloc(1, sizeof(alloc_record)));
+    alloc_record *record = make_record(func, size, flag_malloc);
     if (!record) {
-        qv_errno("%s: malloc failed for %s size %zu", "qv_memcheck_malloc", func ? func : "(null)", size);
+        log_no_record("qv_memcheck_malloc", func, size);
         return nullptr;
     }
     record->line = line;
-    record->size = size;
-    record->flags = flag_malloc;
     if (!allocate_block(record, allocator)) {
         const int error = errno;
-        free(record);
+        free_record(record);
         errno = error;
-        qv_errno("%s: allocation", "qv_memcheck_malloc");
+        if (!is_log_text(func))
+            qv_errno("%s: allocation", "qv_memcheck_malloc");
         return nullptr;
     }
     count_allocation(session, 1);
-    return register_block(session, record, func);
+    return register_block(session, record);
 }
 
 void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int line)
@@ -534,18 +612,27 @@ void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int
     if (!session)
         return realloc(ptr, size);
 
+    func_record *new_owner = func ? make_function(func) : nullptr;
+    if (func && !new_owner) {
+        log_no_record("qv_memcheck_realloc", func, size);
+        return nullptr; // the block stays as it was
+    }
     alloc_record *record = take_for_resize(session, ptr, func, line);
-    if (!record)
+    if (!record) {
+        free_function(new_owner);
         return nullptr;
+    }
+    record->owner = new_owner;
     record->line = line;
     record->size = size;
     record->flags = flag_malloc | (record->flags & (flag_dma - 1));
     if (!resize_block(record)) {
+        free_function(new_owner);
         // The record was never a tracked block: the report "not found" that follows tells of the lost one.
         qv_memcheck_free(qv_free, record, "../src/memdebug.c:1126");
         return nullptr;
     }
-    return register_block(session, record, func);
+    return register_block(session, record);
 }
 
 int qv_memcheck_free(void (*release)(void *), void *ptr, const char *where)
@@ -567,16 +654,14 @@ void *qv_dmacheck_malloc(void *(*allocator)(size_t), size_t size, const char *fu
     memdebug_session *session = running_session();
     if (!session)
         return allocator(size);
-    auto *record = static_cast<alloc_record *>(calloc(1, sizeof(alloc_record)));
+    alloc_record *record = make_record(func, size, flag_dma);
     if (!record) {
-        qv_errno("%s: malloc failed for %s size %zu", "qv_dmacheck_malloc", func ? func : "(null)", size);
+        log_no_record("qv_dmacheck_malloc", func, size);
         return nullptr;
     }
     void *block = allocator(size);
     record->block = record->user = block;
-    record->size = size;
-    record->flags = flag_dma;
-    register_block(session, record, func);
+    register_block(session, record);
     return block;
 }
 
@@ -683,6 +768,8 @@ int memdbg_vprintf(const char *format, va_list ap)
     if (!session)
         return mvprintf(format, ap);
 
+    if (!format)
+        return -1;
     const bool complete = ends_with_newline(format);
     const int newlines = count_newlines(format) - (complete ? 1 : 0);
     char *text = nullptr;
@@ -693,7 +780,9 @@ int memdbg_vprintf(const char *format, va_list ap)
     put_pieces(session, text, newlines);
     session->line_complete = complete;
     for (int line = 0; line < message_lines; line++)
-        gotoline(34 + line, "%s", session->messages[line]);
+        print_line(session, first_message_line + line, "%s", session->messages[line]);
+    lock.unlock(); // the report may call the error hook, and the hook may print here
     free(text);
+    report_output_failures(session);
     return 0;
 }

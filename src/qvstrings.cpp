@@ -112,7 +112,11 @@ char *grow_text(char *text, size_t size)
 
 int __qv_vasprintf(char **out, const char *func, int line, const char *fmt, va_list ap)
 {
+    if (!out)
+        return -1;
     *out = nullptr;
+    if (!fmt)
+        return -1;
     va_list copy;
     va_copy(copy, ap);
     const int length = vsnprintf(nullptr, 0, fmt, copy);
@@ -137,7 +141,7 @@ int __qv_asprintf(char **out, const char *func, int line, const char *fmt, ...)
 
 int qv_vaasprintf(char **str, const char *fmt, va_list ap)
 {
-    if (!str || !*str)
+    if (!str || !*str || !fmt)
         return -1;
     va_list copy;
     va_copy(copy, ap);

@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "failing_heap.h"
+#include "wrapped_heap.h"
 #include "log_lines.h"
 #include "tracked_session.h"
 

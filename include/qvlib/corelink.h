@@ -250,8 +250,8 @@ typedef int (*clparse_not_found_fn)(clparse_node *target_container, clparse_node
  *
  * Returns 0, or -1 when the target has no children list, found is NULL, an expansion or its release failed or
  * not_found said -1; errno is EFAULT for a broken list. Changes made before a failure stay.
- * Cost: with clparse_dfl_found_action, linear in the number of children; with other actions, each source child
- * walks the target's children.
+ * Cost: with clparse_dfl_found_action and without a not-found action, linear in the number of children; with other
+ * actions, each source child may walk the target's children.
  */
 int clparse_search_tree(clparse_node *target, clparse_node *source, clparse_found_fn found,
                         clparse_not_found_fn not_found);

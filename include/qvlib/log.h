@@ -9,7 +9,7 @@
  * compared as a signed number, is not above the configured level.
  *
  * Threads: all functions may be called from any thread; qv_log_init and qv_log_exit must not run while another
- * thread logs. A console line is written whole.
+ * thread logs. A console line is written whole. Logging leaves errno as it was.
  */
 #ifndef QVLIB_LOG_H
 #define QVLIB_LOG_H
@@ -92,11 +92,12 @@ void qv_gaierror(int gai_code, const char *fmt, ...) QV_PRINTF(2, 3);
  * Logs a hex dump: a header line, then one line per `width` bytes ("0020: 41 42 ...  AB...").
  *
  * level  level of each line; QV_LOG_HEX_SILENT logs nothing
- * buf    the bytes; may be NULL when len is 0
+ * buf    the bytes; NULL logs the header alone
  * len    number of bytes
  * width  bytes to a line, 1 to 30; 0 logs the header alone, lines of more bytes are cut short
  * flip   non-zero shows the bytes of each line in reverse order. The index counts down from width - 1 on a short
- *        last line too, so pass whole lines only: the bytes after buf + len are read otherwise.
+ *        last line too, so pass whole lines only: the bytes after buf + len are read otherwise (never with a
+ *        width above 30).
  */
 void __qv_loghex_line(int level, const void *buf, size_t len, size_t width, int flip);
 #define qv_loghex(level, buf, len) __qv_loghex_line((level), (buf), (len), 16, 0)

@@ -47,8 +47,9 @@ void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *fu
  * size  new size; 0 releases the block and returns NULL
  *
  * Returns the block, or NULL. Without a session the old block is kept on failure, as by realloc. With a session a
- * failed resize is logged, the block is no longer known to the table, and an unknown block is reported and left
- * alone. Bytes beyond the old size are not cleared.
+ * failed resize is logged and the block is no longer known to the table; when there is no memory for the record
+ * of its new function the block stays known as it was; an unknown block is reported and left alone. Bytes beyond
+ * the old size are not cleared.
  */
 void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int line);
 

@@ -37,6 +37,7 @@ int __qv_asprintf(char **out, const char *func, int line, const char *fmt, ...) 
  * Appends formatted text to an allocated string. Never creates one: start with qv_asprintf(&text, "%s", "").
  *
  * str   address of the string; -1 is returned and nothing changed when it or the string is NULL
+ * ...   must not point into the string: it may move before they are read
  *
  * Returns the number of characters appended, or -1. When the string cannot grow, *str is NULL.
  * The cost grows with the length of the string.

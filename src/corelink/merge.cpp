@@ -6,7 +6,8 @@
 // actions a level that has cost many comparisons looks children up in an index, and insertions that sort are
 // sorted once at the end of the level, in the order that sorting after each insertion would give. Before a
 // callback of a function node runs, every level is brought into the state that the plain steps would have
-// reached, and its index dropped: the callback may look at the trees and change them.
+// reached, and its index dropped: the callback may look at the trees and change them. The same goes for a
+// not-found action of the caller's.
 
 #include <cerrno>
 #include <cstdint>
@@ -183,7 +184,7 @@ class merge_level
   public:
     merge_level(merge_level *outer_level, clparse_node *target_container, clparse_node *source_container)
         : outer(outer_level), target(target_container), source_end(source_container->value.children),
-          last_source(source_end->prev), next_source(source_end->next)
+          next_source(source_end->next), sources_left(count_links(source_end))
     {
     }
     merge_level(const merge_level &) = delete;
@@ -192,8 +193,8 @@ class merge_level
     merge_level *const outer;
     clparse_node *const target;
     clparse_node *const source_end;
-    const clparse_node *const last_source; // what a merge of a tree with itself appends is not merged again
     clparse_node *next_source;
+    size_t sources_left; // what a merge of a tree with itself appends is not merged again
 
     // The pair that is being merged: the source node or its expansion, and the function nodes that were
     // expanded.
@@ -246,6 +247,12 @@ class merge_level
         index_cost_ *= 2;
     }
 
+    // Whether a lookup depends on the order of children that are not sorted yet.
+    bool needs_order(const char *tag) const
+    {
+        return unsorted_ > 0 && index_.has_duplicates() && index_.first(tag) != index_.last(tag);
+    }
+
     void insert(clparse_node *child)
     {
         link_last(target, child);
@@ -272,6 +279,18 @@ class merge_level
     }
 
   private:
+    // The steps from the sentinel to the end of its list, or to where the list is broken.
+    static size_t count_links(const clparse_node *end)
+    {
+        size_t count = 0;
+        for (const clparse_node *node = end->next; node != end; node = node->next) {
+            count++;
+            if (!node)
+                break;
+        }
+        return count;
+    }
+
     enum class tag_order { none, letters, digits, mixed };
 
     tag_order order_with(const clparse_node *child) const
@@ -281,11 +300,10 @@ class merge_level
     }
 
     // Whether one sort at the end of the level gives what sorting after each insertion gives: the comparison
-    // must order all tags, and no lookup may depend on the order of children with the same tag.
+    // must order all tags.
     bool sorts_later(const clparse_node *child) const
     {
-        return order_with(child) != tag_order::mixed && !index_.has_duplicates() &&
-               !(is_container(child) && child->tag && index_.first(child->tag));
+        return order_with(child) != tag_order::mixed;
     }
 
     // Function nodes are asked one by one, so a level that has them is walked.
@@ -425,7 +443,7 @@ class tree_merge
             errno = EFAULT;
             return false;
         }
-        level.next_source = level.source == level.last_source ? level.source_end : level.source->next;
+        level.next_source = --level.sources_left == 0 ? level.source_end : level.source->next;
         if (level.source->type == CLPARSE_TYPE_FUNCTION) {
             if (!level.source->value.func.expand)
                 return true;
@@ -447,6 +465,10 @@ class tree_merge
         level.target_function = nullptr;
         if (!source->tag)
             return finish_source();
+        if (level.needs_order(source->tag)) {
+            level.settle();
+            return walk();
+        }
         clparse_node *target = level.find(source->tag, is_container(source));
         if (target && is_container(source))
             return enter(target, source);
@@ -515,6 +537,14 @@ class tree_merge
         return !function || function->value.func.release(function, function->value.func.priv) == 0;
     }
 
+    // A caller's action may look at the trees and change them, as callbacks may.
+    bool report_missing()
+    {
+        if (not_found_ != clparse_not_found)
+            settle_all();
+        return not_found_(top_->target, top_->source) != -1;
+    }
+
     // Releases the source's expansion and inserts or reports a node that nobody took.
     bool finish_source()
     {
@@ -524,13 +554,13 @@ class tree_merge
             return insert_source();
         clparse_node *function = level.source_function;
         if (!function)
-            return !missing || not_found_(level.target, level.source) != -1;
+            return !missing || report_missing();
         settle_all();
         // An expansion that the merge has to delete lives until the action has seen it.
         const bool deletes = !function->value.func.release;
         if (!deletes && release_expansion(function, level.source) != 0)
             return false;
-        const bool goes_on = !missing || not_found_(level.target, level.source) != -1;
+        const bool goes_on = !missing || report_missing();
         if (deletes)
             release_expansion(function, level.source);
         return goes_on;
@@ -590,6 +620,9 @@ int clparse_dfl_found_action(clparse_node *target, clparse_node *source)
         free_text(target->value.str, QV_WHERE);
         target->value.str = nullptr;
     }
+    // What the target's value was must not be taken for callbacks.
+    if (source->type == CLPARSE_TYPE_FUNCTION && target->type != CLPARSE_TYPE_FUNCTION)
+        target->value.func = {};
     target->type = source->type;
     switch (source->type) {
     case CLPARSE_TYPE_NUMBER:

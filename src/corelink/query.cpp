@@ -123,49 +123,16 @@ level_result search_level(clparse_node *container, path_segment &segment, int ty
     return {nullptr, nullptr};
 }
 
-// A path that was given as a format; long ones are tracked allocations.
-class formatted_path
-{
-  public:
-    QV_PRINTF(2, 0) formatted_path(const char *fmt, va_list ap, const char *caller) : long_(nullptr, QV_WHERE)
-    {
-        if (!fmt)
-            return;
-        va_list copy;
-        va_copy(copy, ap);
-        const int length = vsnprintf(short_, sizeof short_, fmt, copy);
-        va_end(copy);
-        if (length >= 0 && static_cast<size_t>(length) < sizeof short_) {
-            text_ = short_;
-            return;
-        }
-        char *text = nullptr;
-        if (__qv_vasprintf(&text, caller, __LINE__, fmt, ap) >= 0)
-            text_ = text;
-        long_.reset(text);
-    }
-    formatted_path(const formatted_path &) = delete;
-    formatted_path &operator=(const formatted_path &) = delete;
-
-    // Null when the path could not be formatted.
-    const char *text() const
-    {
-        return text_;
-    }
-
-  private:
-    const char *text_ = nullptr;
-    char short_[128];
-    tracked_guard<char> long_;
-};
-
+// The path is given as a format; it is a tracked allocation. Null also when it can't be formatted.
 QV_PRINTF(3, 0)
 clparse_node *find_formatted(clparse_head *head, int type, const char *fmt, va_list ap, const char *caller)
 {
-    if (!head)
+    if (!head || !fmt)
         return nullptr;
-    const formatted_path path(fmt, ap, caller);
-    return clparse_get_tagtype(&head->root, path.text(), type, verify_tag);
+    char *text = nullptr;
+    const bool formatted = __qv_vasprintf(&text, caller, __LINE__, fmt, ap) >= 0;
+    const tracked_guard<char> path(text, QV_WHERE);
+    return formatted ? clparse_get_tagtype(&head->root, path.get(), type, verify_tag) : nullptr;
 }
 
 } // namespace
@@ -191,7 +158,7 @@ clparse_node *__clparse_get_node(clparse_head *head, const char *path, int (*cmp
 
 int verify_tag(const char *segment, const char *tag)
 {
-    return strcmp(segment, tag);
+    return segment && tag ? strcmp(segment, tag) : -1;
 }
 
 int clparse_get_bool(clparse_head *head, unsigned char *out, const char *fmt, ...)

@@ -137,18 +137,22 @@ clparse_node *copy_one(const clparse_node *source, clparse_node *parent)
 
 // Copies the descendants of `source` into its copy. On failure returns the container that could not be
 // filled.
-clparse_node *copy_descendants(const clparse_node *source, clparse_node *copy)
+//
+// A source's parent fields need not lead back to where it was met, so the sentinel of each copy that is being
+// filled points to the container it copies, through a word that sentinels do not use otherwise.
+clparse_node *copy_descendants(clparse_node *source, clparse_node *copy)
 {
-    const clparse_node *from = source; // the container whose children are being copied
+    clparse_node *from = source; // the container whose children are being copied
     clparse_node *to = copy;
-    const clparse_node *child = has_children_list(from) ? first_child(from) : nullptr;
+    clparse_node *child = has_children_list(from) ? first_child(from) : nullptr;
     for (;;) {
         if (!child) {
-            if (from == source)
+            if (to == copy)
                 return nullptr;
             const clparse_node *done = from;
-            from = from->parent;
+            to->value.children->parent = nullptr;
             to = to->parent;
+            from = to == copy ? source : to->value.children->parent;
             child = next_child(from, done);
             continue;
         }
@@ -157,6 +161,7 @@ clparse_node *copy_descendants(const clparse_node *source, clparse_node *copy)
             return to;
         link_last(to, made);
         if (has_children_list(child) && first_child(child)) {
+            made->value.children->parent = child;
             from = child;
             to = made;
             child = first_child(child);
@@ -190,7 +195,7 @@ bool is_droppable(const clparse_node *node)
 namespace qv
 {
 
-clparse_node *copy_subtree(const clparse_node *source, clparse_node *parent)
+clparse_node *copy_subtree(clparse_node *source, clparse_node *parent)
 {
     clparse_node *copy = copy_one(source, parent);
     if (!copy)

@@ -78,7 +78,7 @@ inline clparse_node *expand_function(clparse_node *node)
 }
 
 // A deep copy of `source`, to be linked into `parent`; null when memory is short.
-clparse_node *copy_subtree(const clparse_node *source, clparse_node *parent);
+clparse_node *copy_subtree(clparse_node *source, clparse_node *parent);
 
 // Ends the use of an expansion: the owner's release, or deletion. Returns release's result, or 0.
 int release_expansion(clparse_node *function, clparse_node *expansion);
