@@ -8,5 +8,6 @@
 #include <qvlib/queue.h>
 #include <qvlib/scanner.h>
 #include <qvlib/strings.h>
+#include <qvlib/tree.h>
 
 #endif
