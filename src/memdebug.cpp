@@ -36,7 +36,6 @@ constexpr size_t marker_size = sizeof marker;
 constexpr int parking_row = 48;
 
 // ---- Output
-// ------------------------------------------------------------------------------------------------
 
 // A peer that has gone must not end the process, so sockets are written without SIGPIPE.
 ssize_t write_quietly(int fd, const char *text, size_t length)
@@ -133,7 +132,6 @@ QV_PRINTF(3, 0) int put_line(memdebug_session *session, int line, const char *fo
 }
 
 // ---- The table
-// ---------------------------------------------------------------------------------------------
 
 void init_list(func_record &head)
 {
@@ -363,7 +361,6 @@ int count_allocation(memdebug_session *session, int change)
 }
 
 // ---- Blocks
-// ------------------------------------------------------------------------------------------------
 
 void write_markers(alloc_record *record)
 {

@@ -371,7 +371,7 @@ TEST(CountNodes, CountsNoneOneAndMany)
     EXPECT_EQ(count_nodes(&tree.head), 0);
     tree.add(5);
     EXPECT_EQ(count_nodes(&tree.head), 1);
-    for (uint64_t key : {2, 9, 4})
+    for (uint64_t key : keys{2, 9, 4})
         tree.add(key);
     EXPECT_EQ(count_nodes(&tree.head), 4);
 }
@@ -554,7 +554,7 @@ TEST_F(Walk, VisitsWhatIsLeftWhenTheTreeShrinks)
 {
     plain_tree tree({20, 10, 30, 5, 40});
     before_lock = [&tree] {
-        for (uint64_t key : {20, 10, 40})
+        for (uint64_t key : keys{20, 10, 40})
             generic_remove_node(generic_find_node(&tree.head, key));
     };
     EXPECT_EQ(work_treenode_locked(&tree.handle, visit, nullptr, &mutex), 3);
@@ -614,7 +614,7 @@ TEST(TreeDestroy, DisposesOfItemsAndPassesNullOn)
     disposed.clear();
     passed_on.clear();
     tree_node *head = nullptr;
-    for (uint64_t key : {2, 1, 3})
+    for (uint64_t key : keys{2, 1, 3})
         head = rb_create_node(head, key, item_of(key));
     EXPECT_EQ(tree_destroy(&head, dispose, remove_least), 0);
     EXPECT_EQ(head, nullptr);
@@ -626,7 +626,7 @@ TEST(TreeDestroy, PassesTheItemOnWithoutAnItemCallback)
 {
     passed_on.clear();
     tree_node *head = nullptr;
-    for (uint64_t key : {2, 1, 3})
+    for (uint64_t key : keys{2, 1, 3})
         head = rb_create_node(head, key, item_of(key));
     tree_destroy(&head, nullptr, remove_least);
     EXPECT_EQ(head, nullptr);
@@ -790,7 +790,7 @@ TEST(AvlCreateNode, MakesAHeadWithOneNodeOfHeightOne)
 TEST(AvlCreateNode, BalancesThreeAscendingKeys)
 {
     avl_tree tree;
-    for (uint64_t key : {1, 2, 3}) {
+    for (uint64_t key : keys{1, 2, 3}) {
         tree_node *before = tree.head;
         tree.head = avl_create_node(tree.head, key, item_of(key));
         if (before != nullptr) {

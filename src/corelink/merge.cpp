@@ -28,7 +28,6 @@ namespace
 {
 
 // ---- Sorting
-// -----------------------------------------------------------------------------------------------
 
 bool begins_with_digit(const char *tag)
 {
@@ -93,11 +92,63 @@ void link_first(clparse_node *container, clparse_node *node)
     sentinel->next = node;
 }
 
-// Sorts once instead of after each of the last `count` insertions, of which `inserted` is the first.
+// A child and the number in its tag, biased so that unsigned order is the order of the numbers.
+struct sort_entry {
+    uint32_t key;
+    clparse_node *node;
+};
+
+bool is_sorted(const sort_entry *entries, size_t count)
+{
+    for (size_t i = 1; i < count; i++)
+        if (entries[i].key < entries[i - 1].key)
+            return false;
+    return true;
+}
+
+// One pass of a radix sort by the eight bits above `shift`; equal elements keep their order.
+void sort_by_byte(const sort_entry *from, sort_entry *to, size_t count, int shift)
+{
+    size_t starts[257] = {};
+    for (size_t i = 0; i < count; i++)
+        starts[(from[i].key >> shift & 255) + 1]++;
+    for (size_t byte = 0; byte < 256; byte++)
+        starts[byte + 1] += starts[byte];
+    for (size_t i = 0; i < count; i++)
+        to[starts[from[i].key >> shift & 255]++] = from[i];
+}
+
+// Sorts children by the numbers in their tags, equal ones in the order that they have, in linear time. False
+// when memory is short.
+bool sort_stably(clparse_node *container)
+{
+    const size_t count = count_children(container);
+    auto *entries = static_cast<sort_entry *>(calloc(count, 2 * sizeof(sort_entry)));
+    if (!entries)
+        return false;
+    size_t i = 0;
+    for (clparse_node *child = first_child(container); child; child = next_child(container, child))
+        entries[i++] = {static_cast<uint32_t>(tag_number(child->tag)) ^ (UINT32_C(1) << 31), child};
+    if (!is_sorted(entries, count)) {
+        for (int shift = 0; shift < 32; shift += 16) {
+            sort_by_byte(entries, entries + count, count, shift);
+            sort_by_byte(entries + count, entries, count, shift + 8);
+        }
+        clparse_node *sentinel = container->value.children;
+        sentinel->next = sentinel->prev = sentinel;
+        for (i = 0; i < count; i++)
+            link_last(container, entries[i].node);
+    }
+    free(entries);
+    return true;
+}
+
+// Sorts once instead of after each of the last `count` insertions, of which `inserted` is the first. The tags
+// of all children begin with a digit, or none does.
 //
 // The sort puts equal elements into the reverse of their order. So each sort reverses what was there before,
 // and the element inserted last comes first: of the later sorts an even number leaves it in front of what it
-// met, an odd number behind. The list is put into the reverse of that order, and one sort does the rest.
+// met, an odd number behind. With tags that begin with digits all elements are equal.
 void sort_after_insertions(clparse_node *container, clparse_node *inserted, size_t count)
 {
     clparse_node *sentinel = container->value.children;
@@ -105,21 +156,23 @@ void sort_after_insertions(clparse_node *container, clparse_node *inserted, size
     clparse_node *before = inserted->prev;
     before->next = sentinel;
     sentinel->prev = before;
-    if (count % 2 == 0)
+    if (count % 2 == 1)
         reverse_children(container);
     for (size_t later = count; later-- > 0;) {
         clparse_node *next = chain->next;
         if (later % 2 == 0)
-            link_last(container, chain);
-        else
             link_first(container, chain);
+        else
+            link_last(container, chain);
         chain = next;
     }
+    if (begins_with_digit(first_child(container)->tag) || sort_stably(container))
+        return;
+    reverse_children(container);
     sort_children(container);
 }
 
 // ---- One level
-// ---------------------------------------------------------------------------------------------
 
 // An index pays once a level has cost this many comparisons.
 constexpr size_t first_index_cost = 64;
@@ -158,10 +211,24 @@ class merge_level
             build_index();
     }
 
-    // Null while the children are walked.
-    tag_index *index()
+    bool is_indexed() const
     {
-        return indexed_ ? &index_ : nullptr;
+        return indexed_;
+    }
+
+    // The child that takes a source node with this tag, by the index; null when there is none.
+    clparse_node *find(const char *tag, bool as_container)
+    {
+        // Trees are mostly in the same order, so the child behind the last one found is tried first. Where
+        // tags are distinct there is no other.
+        clparse_node *next = last_found_ ? last_found_->next : target->value.children->next;
+        if (next->tag && strcmp(next->tag, tag) == 0 && !index_.has_duplicates())
+            last_found_ = next;
+        else if (clparse_node *found = as_container ? index_.first_container(tag) : index_.first(tag))
+            last_found_ = found;
+        else
+            return nullptr;
+        return !as_container || is_container(last_found_) ? last_found_ : nullptr;
     }
 
     // Makes of the list what the plain steps would have made of it, and forgets the index.
@@ -174,6 +241,7 @@ class merge_level
             return;
         index_.clear();
         indexed_ = false;
+        last_found_ = nullptr;
         cost_ = 0;
         index_cost_ *= 2;
     }
@@ -217,7 +285,7 @@ class merge_level
     bool sorts_later(const clparse_node *child) const
     {
         return order_with(child) != tag_order::mixed && !index_.has_duplicates() &&
-               !(child->tag && index_.first(child->tag));
+               !(is_container(child) && child->tag && index_.first(child->tag));
     }
 
     // Function nodes are asked one by one, so a level that has them is walked.
@@ -247,6 +315,7 @@ class merge_level
     }
 
     tag_index index_;
+    clparse_node *last_found_ = nullptr;
     bool indexed_ = false;
     bool indexable_ = true;
     size_t cost_ = 0;
@@ -258,7 +327,6 @@ class merge_level
 };
 
 // ---- The walk over levels
-// ----------------------------------------------------------------------------------
 
 bool have_equal_tags(const clparse_node *a, const clparse_node *b)
 {
@@ -310,11 +378,6 @@ class tree_merge
     }
 
   private:
-    bool has_own_actions() const
-    {
-        return found_ == clparse_dfl_found_action;
-    }
-
     bool enter(clparse_node *target, clparse_node *source)
     {
         if (!has_children_list(target) || !has_children_list(source))
@@ -372,7 +435,7 @@ class tree_merge
             if (!level.source)
                 return false;
         }
-        return level.index() ? look_up() : walk();
+        return level.is_indexed() ? look_up() : walk();
     }
 
     // Finds the partner among the children at once; the comparisons that are left out would change nothing.
@@ -381,16 +444,15 @@ class tree_merge
         merge_level &level = *top_;
         clparse_node *source = level.source;
         level.result = -1;
+        level.target_function = nullptr;
         if (!source->tag)
             return finish_source();
-        if (!is_container(source)) {
-            if (clparse_node *target = level.index()->first(source->tag))
-                level.result = clparse_dfl_found_action(target, source);
-            return finish_source();
-        }
-        clparse_node *target = level.index()->first_container(source->tag);
-        level.target_function = nullptr;
-        return target ? enter(target, source) : finish_source();
+        clparse_node *target = level.find(source->tag, is_container(source));
+        if (target && is_container(source))
+            return enter(target, source);
+        if (target)
+            level.result = clparse_dfl_found_action(target, source);
+        return finish_source();
     }
 
     // Asks the target's children one by one.
@@ -423,17 +485,25 @@ class tree_merge
                 if (!target)
                     return false;
             }
-            if (are_containers(target, level.source) && have_equal_tags(target, level.source))
+            if (are_containers(target, level.source) && have_equal_tags(target, level.source)) {
+                add_cost(comparisons);
                 return enter(target, level.source);
+            }
             level.result = found_(target, level.source);
             if (!release_target())
                 return false;
             if (level.result != -1)
                 break;
         }
-        if (has_own_actions())
-            level.add_cost(comparisons);
+        add_cost(comparisons);
         return finish_source();
+    }
+
+    // Callers' actions must be asked about every pair, so that an index is of no use to them.
+    void add_cost(size_t comparisons)
+    {
+        if (found_ == clparse_dfl_found_action)
+            top_->add_cost(comparisons);
     }
 
     bool release_target()

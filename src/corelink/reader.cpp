@@ -32,7 +32,7 @@ namespace
 {
 
 // Dotted members mostly continue one of the last members, so the tail is looked at before an index is made.
-constexpr int tail_walk = 16;
+constexpr int tail_walk = 8;
 
 // Children that follow `from` towards the head of the list; null when there is none with this tag.
 clparse_node *walk_back(clparse_node *from, const clparse_node *sentinel, const char *tag)

@@ -94,12 +94,14 @@ tag_index::entry *tag_index::find(const char *tag, uint32_t hash) const
 {
     if (slot_count_ == 0)
         return nullptr;
-    for (uint32_t slot = hash;; slot++) {
-        const uint32_t index = slots_[slot & (slot_count_ - 1)];
-        if (index == 0)
+    for (uint32_t at = hash;; at++) {
+        const slot &here = slots_[at & (slot_count_ - 1)];
+        if (here.entry == 0)
             return nullptr;
-        entry *found = &entries_[index - 1];
-        if (found->hash == hash && strcmp(items_[found->first].node->tag, tag) == 0)
+        if (here.hash != hash)
+            continue;
+        entry *found = &entries_[here.entry - 1];
+        if (strcmp(items_[found->first].node->tag, tag) == 0)
             return found;
     }
 }
@@ -115,16 +117,17 @@ bool tag_index::grow_items()
 
 void tag_index::place(uint32_t entry_index)
 {
-    uint32_t slot = entries_[entry_index].hash;
-    while (slots_[slot & (slot_count_ - 1)] != 0)
-        slot++;
-    slots_[slot & (slot_count_ - 1)] = entry_index + 1;
+    const uint32_t hash = entries_[entry_index].hash;
+    uint32_t at = hash;
+    while (slots_[at & (slot_count_ - 1)].entry != 0)
+        at++;
+    slots_[at & (slot_count_ - 1)] = {hash, entry_index + 1};
 }
 
 bool tag_index::grow_slots()
 {
     const uint32_t count = slot_count_ ? slot_count_ * 2 : 128;
-    auto *slots = static_cast<uint32_t *>(count > slot_count_ ? calloc(count, sizeof(uint32_t)) : nullptr);
+    auto *slots = static_cast<slot *>(count > slot_count_ ? calloc(count, sizeof(slot)) : nullptr);
     if (!slots)
         return false;
     free(slots_);

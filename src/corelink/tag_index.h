@@ -50,14 +50,19 @@ class tag_index
         uint32_t container;   // item at which the search for a container goes on, or none
     };
 
+    struct slot {
+        uint32_t hash;  // here too: most slots that a search passes are ruled out by it
+        uint32_t entry; // index + 1, 0 for a free slot
+    };
+
     entry *find(const char *tag, uint32_t hash) const;
     bool grow_items();
     bool grow_slots();
     void place(uint32_t entry_index);
 
     item *items_ = nullptr;
-    entry *entries_ = nullptr;  // room for one entry per item
-    uint32_t *slots_ = nullptr; // open addressing: entry index + 1, 0 for free
+    entry *entries_ = nullptr; // room for one entry per item
+    slot *slots_ = nullptr;    // open addressing
     uint32_t item_count_ = 0, entry_count_ = 0, item_room_ = 0, slot_count_ = 0;
 };
 

@@ -54,7 +54,6 @@ bool append_quoted(text_builder &text, const char *value)
 }
 
 // ---- Paths
-// -------------------------------------------------------------------------------------------------
 
 void append_segment(text_builder &text, const clparse_node *container, const clparse_node *child,
                     unsigned int position)
@@ -152,7 +151,6 @@ class leaf_paths
 };
 
 // ---- JSON and corelink text
-// --------------------------------------------------------------------------------
 
 bool clparse_write_children(const clparse_node *container, text_builder &text, text_form form);
 bool clparse_corelink_switch(clparse_node *node, text_builder &text, text_form form);
@@ -287,7 +285,6 @@ char *write_tree(clparse_head *head, text_form form, const char *writer)
 }
 
 // ---- XML
-// ---------------------------------------------------------------------------------------------------
 
 constexpr int no_indentation = -1;
 
@@ -433,7 +430,6 @@ bool clparse_build_xml(const clparse_node *top, text_builder &text, int depth)
 }
 
 // ---- Paths of single nodes
-// ---------------------------------------------------------------------------------
 
 size_t count_digits(unsigned int number)
 {
