@@ -3,10 +3,14 @@
 #define QVLIB_H
 
 #include <qvlib/corelink.h>
+#include <qvlib/digest.h>
+#include <qvlib/encoding.h>
+#include <qvlib/iovec.h>
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 #include <qvlib/queue.h>
 #include <qvlib/scanner.h>
+#include <qvlib/scsi.h>
 #include <qvlib/strings.h>
 #include <qvlib/tree.h>
 

@@ -1,0 +1,91 @@
+/*
+ * The processor's features, found at the first call and kept in an atomic. Threads that come at the same time
+ * find the same answer, so no order is needed.
+ */
+#include "processor.h"
+
+#include <atomic>
+
+#if defined(__x86_64__)
+#include <cpuid.h>
+#elif defined(__aarch64__)
+#include <sys/auxv.h>
+#endif
+
+namespace
+{
+
+// Tells a processor without any feature from one that was not asked yet.
+constexpr uint32_t asked = 1u << 31;
+
+std::atomic<uint32_t> found;
+
+#if defined(__x86_64__)
+
+// Whether the kernel keeps the 512-bit and mask registers of a thread; the processor has xgetbv.
+bool keeps_wide_registers()
+{
+    constexpr unsigned int wide_registers = 0xe6;
+    unsigned int low, high;
+    __asm__ volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
+    return (low & wide_registers) == wide_registers;
+}
+
+uint32_t ask()
+{
+    unsigned int a, b, c, d;
+    if (!__get_cpuid(1, &a, &b, &c, &d))
+        return 0;
+    uint32_t features = 0;
+    if ((c & bit_SSE4_2) && (c & bit_PCLMUL))
+        features |= qv::processor_crc32;
+    if (c & bit_SSSE3)
+        features |= qv::processor_shuffle;
+    const bool sse4_1 = c & bit_SSE4_1, wide = (c & bit_OSXSAVE) && keeps_wide_registers();
+
+    constexpr unsigned int wide_sets = bit_AVX512F | bit_AVX512VL | bit_AVX512BW | bit_AVX512DQ;
+    if (!__get_cpuid_count(7, 0, &a, &b, &c, &d))
+        return features;
+    if ((features & qv::processor_crc32) && wide && (b & wide_sets) == wide_sets && (c & bit_VPCLMULQDQ))
+        features |= qv::processor_wide_folding;
+    if ((features & qv::processor_shuffle) && sse4_1 && (b & bit_SHA))
+        features |= qv::processor_sha1 | qv::processor_sha256;
+    return features;
+}
+
+#elif defined(__aarch64__)
+
+uint32_t ask()
+{
+    constexpr unsigned long crc32 = HWCAP_CRC32 | HWCAP_PMULL;
+    const unsigned long has = getauxval(AT_HWCAP);
+    uint32_t features = 0;
+    if ((has & crc32) == crc32)
+        features |= qv::processor_crc32;
+    if (has & HWCAP_SHA1)
+        features |= qv::processor_sha1;
+    if (has & HWCAP_SHA2)
+        features |= qv::processor_sha256;
+    return features;
+}
+
+#else
+
+uint32_t ask()
+{
+    return 0;
+}
+
+#endif
+
+} // namespace
+
+uint32_t qv::processor_features()
+{
+    uint32_t features = found.load(std::memory_order_relaxed);
+    if (features == 0) {
+        features = ask() | asked;
+        found.store(features, std::memory_order_relaxed);
+    }
+    return features;
+}

@@ -1,0 +1,23 @@
+/* What the processor can do beyond its baseline, for the sources that have a path of their own for it. */
+#ifndef QV_PROCESSOR_H
+#define QV_PROCESSOR_H
+
+#include <cstdint>
+
+namespace qv
+{
+
+enum : uint32_t {
+    processor_crc32 = 1u << 0,        // CRC-32C of a word, and 64-bit polynomial multiplication
+    processor_wide_folding = 1u << 1, // polynomial multiplication in 512-bit registers
+    processor_shuffle = 1u << 2,      // bytes of a 128-bit register by index (SSSE3)
+    processor_sha1 = 1u << 3,
+    processor_sha256 = 1u << 4,
+};
+
+// Returns processor_ bits. The processor is asked at the first call only.
+uint32_t processor_features();
+
+} // namespace qv
+
+#endif

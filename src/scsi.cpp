@@ -1,0 +1,165 @@
+/*
+ * SCSI codes in words. The rows stand in scsi_*.inc and below as T10 lists them; all tables but the exported
+ * one are free of pointers.
+ */
+#include <qvlib/scsi.h>
+
+#include "scsi_tables.h"
+
+namespace
+{
+
+constexpr auto asc_rows()
+{
+    return std::to_array<qv::code_text>({
+#include "scsi_asc.inc"
+    });
+}
+
+constexpr auto opcode_rows()
+{
+    return std::to_array<qv::code_text>({
+#include "scsi_opcodes.inc"
+    });
+}
+
+constexpr auto asc_texts = qv::pack_texts<asc_rows, qv::sharing::none>();
+constexpr auto opcode_texts = qv::pack_texts<opcode_rows, qv::sharing::many>();
+static_assert(asc_texts.size() == 646 && opcode_texts.size() == 256);
+
+// The rows of T10's list for a range of qualifiers.
+constexpr unsigned char wildcard_ascs[] = {
+    0x40, // DIAGNOSTIC FAILURE ON COMPONENT NN (80h-FFh)
+    0x4d, // TAGGED OVERLAPPED COMMANDS (NN = TASK TAG)
+    0x70, // DECOMPRESSION EXCEPTION SHORT ALGORITHM ID OF NN
+};
+
+// Short tables keep each text in its row.
+template <size_t Size> struct short_text {
+    unsigned char code;
+    char text[Size];
+};
+
+struct condition {
+    signed char severity;
+    char text[16];
+};
+
+constexpr condition conditions[] = {
+    {0, "NO SENSE"},       {0, "RECOVERED ERROR"}, {1, "NOT_READY"},      {1, "MEDIUM ERROR"},
+    {1, "HARDWARE ERROR"}, {1, "ILLEGAL REQUEST"}, {1, "UNIT ATTENTION"}, {1, "DATA PROTECT"},
+    {1, "BLANK CHECK"},    {1, "VENDOR SPECIFIC"}, {1, "COPY ABORTED"},   {1, "ABORTED COMMAND"},
+    {1, "EQUAL"},          {2, "VOLUME OVERFLOW"}, {1, "MISCOMPARE"},     {1, "SENSE RESERVED"},
+};
+static_assert(std::size(conditions) == 16);
+
+// T10 SAM-4, status codes.
+constexpr short_text<27> status_texts[] = {
+    {0x00, "GOOD"},
+    {0x02, "CHECK CONDITION"},
+    {0x04, "CONDITION MET"},
+    {0x08, "BUSY"},
+    {0x10, "INTERMEDIATE"},
+    {0x14, "INTERMEDIATE-CONDITION MET"},
+    {0x18, "RESERVATION CONFLICT"},
+    {0x22, "COMMAND TERMINATED"},
+    {0x28, "TASK SET FULL"},
+    {0x30, "ACA ACTIVE"},
+    {0x40, "TASK ABORTED"},
+};
+
+// T10 SPC-4, peripheral device types.
+constexpr short_text<34> device_types[] = {
+    {0, "Direct access block device"},
+    {1, "Sequential-access device"},
+    {2, "Printer device"},
+    {3, "Processor device"},
+    {4, "Write-once device"},
+    {5, "CDROM/DVD device"},
+    {6, "Scanner device"},
+    {7, "Optical memory device"},
+    {8, "Media changer device"},
+    {9, "Communications device"},
+    {12, "Storage array controller device"},
+    {13, "Enclosure services device"},
+    {14, "Simplified direct-access device"},
+    {15, "Optical card reader/writer device"},
+    {16, "Bridge controller commands"},
+    {17, "Object-based storage device"},
+    {18, "Automation/Drive interface device"},
+    {19, "Security Manager Device"},
+    {30, "Well known logical unit"},
+    {31, "Unknown"},
+};
+
+// T10 SPC-4, standard INQUIRY data, version.
+constexpr short_text<7> revisions[] = {
+    {0, "None"}, {1, "SCSI-1"}, {2, "SCSI-2"}, {3, "SPC"}, {4, "SPC-2"}, {5, "SPC-3"}, {6, "SPC-4"},
+};
+
+template <size_t Size, size_t Rows>
+const char *find_text(const short_text<Size> (&table)[Rows], unsigned int code, const char *absent)
+{
+    for (const short_text<Size> &row : table) {
+        if (row.code == code)
+            return row.text;
+    }
+    return absent;
+}
+
+} // namespace
+
+const struct scsi_standard standards_list[118] = {
+#include "scsi_standards.inc"
+};
+static_assert(sizeof(standards_list) / sizeof(standards_list[0]) == 118);
+
+const char *get_ascascq_info(unsigned char asc, unsigned char ascq)
+{
+    for (size_t i = 0; i < std::size(wildcard_ascs); i++) {
+        // The text of the exact row at the same place, not the wildcard's own: daemons rely on it.
+        if (wildcard_ascs[i] == asc)
+            return asc_texts.text(i);
+    }
+    const char *text = asc_texts.find(static_cast<uint16_t>(asc << 8 | ascq));
+    return text != nullptr ? text : "Unknown ASC/ASCQ";
+}
+
+const char *get_condition_info(unsigned int key)
+{
+    return key < std::size(conditions) ? conditions[key].text : nullptr;
+}
+
+int get_condition_severity(unsigned int key)
+{
+    return key < std::size(conditions) ? conditions[key].severity : -1;
+}
+
+const char *get_command_info(unsigned char opcode)
+{
+    return opcode_texts.text(opcode);
+}
+
+const char *get_status_info(unsigned char status)
+{
+    return find_text(status_texts, status, "Reserved");
+}
+
+const char *get_device_type(unsigned int type)
+{
+    return find_text(device_types, type, "Reserved");
+}
+
+const char *get_scsi_revision(unsigned int version)
+{
+    return find_text(revisions, version, "Unknown");
+}
+
+const char *get_scsi_standard(unsigned int code)
+{
+    const auto *end = std::end(standards_list);
+    const auto *found =
+        std::lower_bound(std::begin(standards_list), end, code,
+                         [](const scsi_standard &row, unsigned int wanted) { return row.code < wanted; });
+    return found != end && found->code == code ? found->text : nullptr;
+}
