@@ -1,11 +1,12 @@
 // The road text -> tree -> query -> text, over documents of growing size, with the same document as JSON in
 // cJSON and jansson beside it.
 //
-// Every row reports nodes per second, and ns_per_node: it should stay flat from the smallest to the largest
-// document of a shape. Peers that are not installed have no rows; json-c has a program
-// of its own.
+// Every row reports the time per node. What every reading of a tree costs in caches and memory is shown by
+// the rows walk_alone; scripts/growth counts instructions instead, which other work on the machine does not
+// disturb. Peers that are not installed have no rows; json-c has a program of its own.
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "documents.h"
@@ -47,6 +48,35 @@ template <shape make> void free_alone(benchmark::State &state)
         clparse_stop(head);
     }
     report(state, nodes);
+}
+
+// What every reading of a tree costs: each record, tag and string is looked at once. Its growth is the
+// memory's.
+template <shape make> void walk_alone(benchmark::State &state)
+{
+    clparse_head *head = parse(make(static_cast<int>(state.range(0)), 0, ""));
+    const long nodes = count_nodes(clparse_get_head(head));
+    for (auto _ : state) {
+        size_t characters = 0;
+        const clparse_node *root = clparse_get_head(head), *node = root;
+        do {
+            const bool container = node->type == CLPARSE_TYPE_STRUCT || node->type == CLPARSE_TYPE_ARRAY;
+            characters += (node->tag ? strlen(node->tag) : 0) +
+                          (node->type == CLPARSE_TYPE_STRING ? strlen(node->value.str) : 0);
+            const clparse_node *end = container ? node->value.children : nullptr;
+            if (container && end->next != end) {
+                node = end->next;
+                continue;
+            }
+            while (node != root && node->next == node->parent->value.children)
+                node = node->parent;
+            if (node != root)
+                node = node->next;
+        } while (node != root);
+        benchmark::DoNotOptimize(characters);
+    }
+    report(state, nodes);
+    clparse_stop(head);
 }
 
 char *write_json(clparse_head *head)
@@ -225,6 +255,7 @@ template <shape make> void jansson_update(benchmark::State &state)
 #define SHAPE_ROWS(make, sizes)                                                                              \
     ROWS(parse_and_free<make>, sizes);                                                                       \
     ROWS(free_alone<make>, sizes);                                                                           \
+    ROWS(walk_alone<make>, sizes);                                                                           \
     ROWS((write<make, write_json>), sizes);                                                                  \
     ROWS((write<make, write_corelink>), sizes);                                                              \
     ROWS((write<make, write_paths>), sizes);                                                                 \

@@ -156,8 +156,8 @@ using shape = std::string (*)(int items, int first, const char *change);
 inline void report(benchmark::State &state, long nodes)
 {
     state.SetItemsProcessed(state.iterations() * nodes);
-    state.counters["ns_per_node"] =
-        benchmark::Counter(static_cast<double>(state.iterations() * nodes) / 1e9,
+    state.counters["per_node"] =
+        benchmark::Counter(static_cast<double>(state.iterations() * nodes),
                            benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 

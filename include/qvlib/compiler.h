@@ -1,4 +1,5 @@
-/* What the library's headers need of the compiler: C linkage, visibility, checked format strings. */
+/* What the library's headers need of the compiler: C linkage, visibility, checked format strings, and a mark for
+ * what C99 has and C++ has as an extension (flexible array members). */
 #ifndef QVLIB_COMPILER_H
 #define QVLIB_COMPILER_H
 
@@ -6,8 +7,10 @@
 #define QV_PRINTF(format_index, first_argument) __attribute__((format(printf, format_index, first_argument)))
 #define QV_VISIBILITY_PUSH _Pragma("GCC visibility push(default)")
 #define QV_VISIBILITY_POP _Pragma("GCC visibility pop")
+#define QV_EXTENSION __extension__
 #else
 #define QV_PRINTF(format_index, first_argument)
+#define QV_EXTENSION
 #define QV_VISIBILITY_PUSH
 #define QV_VISIBILITY_POP
 #endif

@@ -49,7 +49,7 @@ struct q_queue {
     q_compare_fn compare;
     q_item_fn clean_fn, filter_fn;
     uint32_t slot_count;
-    q_elem *slots[]; /* NULL for an empty slot */
+    QV_EXTENSION q_elem *slots[]; /* NULL for an empty slot */
 };
 
 /* Flags of q_refer_element and q_refer. */

@@ -15,6 +15,8 @@
 #include <qvlib/memcheck.h>
 #include <qvlib/scanner.h>
 
+static_assert(sizeof(union clparse_token) == 8);
+
 // What a scanner holds beside the generated state.
 struct scanner_extra {
     void *user_data;
