@@ -34,6 +34,20 @@ void set_key(tree_node *node, uint64_t key)
     node->key_lo = static_cast<uint32_t>(key);
 }
 
+enum side { LEFT = 0, RIGHT = 1 };
+
+side other(side dir)
+{
+    return dir == LEFT ? RIGHT : LEFT;
+}
+
+// Indexed, not chosen by a branch: half of the branches on the way down would be predicted wrong.
+tree_node *&child(tree_node *node, side dir)
+{
+    return *reinterpret_cast<tree_node **>(reinterpret_cast<char *>(node) + offsetof(tree_node, left) +
+                                           dir * sizeof(tree_node *));
+}
+
 tree_node *allocate_node()
 {
     return static_cast<tree_node *>(calloc(1, sizeof(tree_node)));
@@ -241,57 +255,33 @@ unsigned int height(const tree_node *node)
     return node != nullptr ? node->word : 0;
 }
 
-// Computes the height of a node from those of its children. Returns how much the right one is higher.
-int update(tree_node *node)
+// Computes the height of a node from those of its children. Returns how much the right one is higher; in 64
+// bits, for the word of a node may have been anything.
+int64_t update(tree_node *node)
 {
     if (node == nullptr)
         return 0;
     const unsigned int left = height(node->left), right = height(node->right);
     node->word = std::max(left, right) + 1;
-    return static_cast<int>(right) - static_cast<int>(left);
+    return int64_t{right} - int64_t{left};
 }
 
-// Puts the greatest node of the left subtree in place of *link, with the old node as its right child. Returns
-// the greatest node that is then left of it, or NULL.
-tree_node *promote_left(tree_node **link)
+// Puts the in-order neighbour of *link from the subtree on the given side in its place, and the old node on
+// the other side of it.
+void promote(tree_node **link, side dir)
 {
     tree_node *node = *link;
-    tree_node **from = &node->left;
-    while ((*from)->right != nullptr)
-        from = &(*from)->right;
+    tree_node **from = &child(node, dir);
+    while (child(*from, other(dir)) != nullptr)
+        from = &child(*from, other(dir));
     tree_node *promoted = *from;
-    if (promoted != node->left) {
-        *from = promoted->left;
-        promoted->left = node->left;
+    if (promoted != child(node, dir)) {
+        *from = child(promoted, dir);
+        child(promoted, dir) = child(node, dir);
     }
-    promoted->right = node;
-    node->left = nullptr;
+    child(promoted, other(dir)) = node;
+    child(node, dir) = nullptr;
     *link = promoted;
-    tree_node *neighbour = promoted->left;
-    while (neighbour != nullptr && neighbour->right != nullptr)
-        neighbour = neighbour->right;
-    return neighbour;
-}
-
-// The mirror image of promote_left.
-tree_node *promote_right(tree_node **link)
-{
-    tree_node *node = *link;
-    tree_node **from = &node->right;
-    while ((*from)->left != nullptr)
-        from = &(*from)->left;
-    tree_node *promoted = *from;
-    if (promoted != node->right) {
-        *from = promoted->right;
-        promoted->right = node->right;
-    }
-    promoted->left = node;
-    node->right = nullptr;
-    *link = promoted;
-    tree_node *neighbour = promoted->right;
-    while (neighbour != nullptr && neighbour->left != nullptr)
-        neighbour = neighbour->left;
-    return neighbour;
 }
 
 // Turns a tree into a chain through the right links, in order. O(n).
@@ -363,35 +353,31 @@ class avl_rebalancing
             return;
         retrace(&head->left, key);
         while (depth > 0 && !given_up) {
-            const pending call = stack[--depth];
-            if (call.refresh)
-                refresh(call.link);
+            const uintptr_t call = stack[--depth];
+            auto **link = reinterpret_cast<tree_node **>(call & ~refresh_mark);
+            if ((call & refresh_mark) != 0)
+                refresh(link);
             else
-                fix(call.link);
+                fix(link);
         }
         if (given_up)
             balance_perfectly(head);
     }
 
   private:
-    struct pending {
-        tree_node **link;
-        bool refresh;
-    };
-
     void push(tree_node **link, bool refresh)
     {
         if (depth == most_pending) {
             given_up = true;
             return;
         }
-        stack[depth++] = {link, refresh};
+        stack[depth++] = reinterpret_cast<uintptr_t>(link) | (refresh ? refresh_mark : 0);
     }
 
     void push_refresh(tree_node **link)
     {
-        if (depth > 0 && stack[depth - 1].link == link)
-            stack[depth - 1].refresh = true;
+        if (depth > 0 && (stack[depth - 1] & ~refresh_mark) == reinterpret_cast<uintptr_t>(link))
+            stack[depth - 1] |= refresh_mark;
         else
             push(link, true);
     }
@@ -415,11 +401,11 @@ class avl_rebalancing
     void refresh(tree_node **link)
     {
         tree_node *node = *link;
-        if (const int difference = update(node->right); !balanced(difference)) {
+        if (const int64_t difference = update(node->right); !balanced(difference)) {
             push(link, false);
             push(&node->left, false);
             settle(&node->right, difference);
-        } else if (const int left_difference = update(node->left); !balanced(left_difference)) {
+        } else if (const int64_t left_difference = update(node->left); !balanced(left_difference)) {
             push(link, false);
             settle(&node->left, left_difference);
         } else {
@@ -427,7 +413,7 @@ class avl_rebalancing
         }
     }
 
-    void settle(tree_node **link, int difference)
+    void settle(tree_node **link, int64_t difference)
     {
         if (balanced(difference) || given_up)
             return;
@@ -436,44 +422,36 @@ class avl_rebalancing
             return;
         }
         tree_node *node = *link;
-        tree_node *neighbour = difference < 0 ? promote_left(link) : promote_right(link);
+        const side dir = difference < 0 ? LEFT : RIGHT;
+        promote(link, dir);
         push_refresh(link);
-        if (neighbour == nullptr)
+        tree_node **way = &child(*link, dir);
+        if (*way == nullptr)
             return;
         update(node);
-        retrace(link, key_of(neighbour));
+        // The way to the new neighbour is known: down that side, then along the other.
+        push(link, false);
+        for (; *way != nullptr && !given_up; way = &child(*way, other(dir)))
+            push(way, false);
     }
 
-    static bool balanced(int difference)
+    static bool balanced(int64_t difference)
     {
         return difference >= -1 && difference <= 1;
     }
 
     static constexpr unsigned int most_promotions = 1000000;
     static constexpr size_t most_pending = 1024;
+    static constexpr uintptr_t refresh_mark = 1; // links are aligned
 
     tree_node *head;
-    pending stack[most_pending];
+    uintptr_t stack[most_pending];
     size_t depth = 0;
     unsigned int promotions = 0;
     bool given_up = false;
 };
 
 // ---- Red-black
-
-enum side { LEFT = 0, RIGHT = 1 };
-
-side other(side dir)
-{
-    return dir == LEFT ? RIGHT : LEFT;
-}
-
-// Indexed, not chosen by a branch: half of the branches on the way down would be predicted wrong.
-tree_node *&child(tree_node *node, side dir)
-{
-    return *reinterpret_cast<tree_node **>(reinterpret_cast<char *>(node) + offsetof(tree_node, left) +
-                                           dir * sizeof(tree_node *));
-}
 
 side side_of(const tree_node *parent, const tree_node *node)
 {
