@@ -1,11 +1,9 @@
 #include <qvlib/lock_check.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <map>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
 #include <thread>

@@ -1,10 +1,5 @@
-#include <cstring>
-#include <functional>
-#include <memory>
 #include <random>
-#include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -177,7 +172,11 @@ TEST_F(SnmpTree, LogsAFailedReplacement)
 TEST_F(SnmpTree, IsLeftAloneWhenMemoryForANewNodeIsShort)
 {
     read("s={a=1}");
-    const std::pair<const char *, std::function<bool(clparse_node *)>> makers[] = {
+    struct maker {
+        const char *message;
+        bool (*make)(clparse_node *node);
+    };
+    const maker makers[] = {
         {"make_struct_node: SNMP, failed to create structure node",
          [](clparse_node *node) { return make_struct_node(node, "a") != nullptr; }},
         {"make_string_node: SNMP, failed to create string node",
@@ -187,19 +186,19 @@ TEST_F(SnmpTree, IsLeftAloneWhenMemoryForANewNodeIsShort)
              return make_function_node(node, expand_to_priv, nullptr, nullptr, nullptr) == 0;
          }},
     };
-    for (const auto &[message, make] : makers) {
-        SCOPED_TRACE(message);
+    for (const maker &row : makers) {
+        SCOPED_TRACE(row.message);
         int failures = 0;
         for (;; failures++) {
             clparse_node *node = at("s.0");
             bool made = false;
             const std::string log = logged([&] {
                 failing_alloc::after some(failures);
-                made = make(node);
+                made = row.make(node);
             });
             if (made)
                 break;
-            EXPECT_EQ(log, message);
+            EXPECT_EQ(log, row.message);
             EXPECT_EQ(at("s.0"), node);
             ASSERT_LT(failures, 10);
         }
