@@ -3,7 +3,8 @@
  *
  * The functions are those of flex's reentrant scanners: a scanner is made by yylex_init, given text by
  * yy_scan_string, yy_scan_bytes, yy_scan_buffer or a stream by yyset_in, read token by token with yylex, and
- * released by yylex_destroy. Buffers can be stacked (yypush_buffer_state, yypop_buffer_state).
+ * released by yylex_destroy, with all buffers that are still in its stack. Buffers can be stacked (yypush_buffer_state,
+ * yypop_buffer_state).
  *
  * Tokens: identifiers and strings are handed over as tracked copies, which the caller of yylex releases with
  * qv_memcheck_free. Punctuation and stray characters are their own kinds (1 to 255). Lines are not counted: take
@@ -46,7 +47,8 @@ union clparse_token {
 struct yy_buffer_state;
 
 /*
- * Parses the scanner's text into the tree of a head whose cursor is a zeroed node record with the root as parent.
+ * Parses the scanner's text into the tree of a head. A head without a cursor, as clparse_init_head makes it, gets
+ * one for the call.
  *
  * Returns 0, 1 for a syntax error, 2 when the parser's stack of at most 10000 entries or memory is exhausted; the
  * error is printed to the memory debugger's console. After an error yyget_text gives the offending token.

@@ -264,7 +264,7 @@ int yyparse(void *scanner, clparse_head *head)
     }
     tree_builder builder(head);
     const int result = grammar_parse(scanner, head, &builder);
-    if (own_cursor && result == 0) {
+    if (own_cursor) {
         free_cursor(head->cursor);
         head->cursor = nullptr;
     }

@@ -312,6 +312,9 @@ int yylex_destroy(void *scanner)
         errno = EINVAL;
         return 1;
     }
+    // The generated function releases the buffer on top of the stack only.
+    while (current_buffer(guts_of(scanner)))
+        flexpop_buffer_state(scanner);
     return flexlex_destroy(scanner);
 }
 
@@ -337,7 +340,8 @@ struct yy_buffer_state *yy_scan_bytes(const char *bytes, int length, void *scann
         panic("out of dynamic memory in yy_scan_bytes()");
         return nullptr;
     }
-    memcpy(copy, bytes, size - 2);
+    if (length > 0)
+        memcpy(copy, bytes, size - 2);
     copy[size - 2] = copy[size - 1] = '\0';
     yy_buffer_state *buffer = yy_scan_buffer(copy, size, scanner);
     if (!buffer) {

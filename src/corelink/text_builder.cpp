@@ -11,6 +11,15 @@
 namespace qv
 {
 
+char *resize_text(char *text, size_t size)
+{
+    char *resized = grow_text(text, size);
+    // A session has lost sight of a block that could not be resized; without one it is still ours.
+    if (!resized && !running_session())
+        free(text);
+    return resized;
+}
+
 bool text_builder::grow(size_t more)
 {
     if (more > SIZE_MAX / 4 - room_)
@@ -23,17 +32,10 @@ bool text_builder::grow(size_t more)
 
 bool text_builder::resize(size_t room)
 {
-    char *old = std::exchange(text_, nullptr);
-    if (room != SIZE_MAX)
-        text_ = grow_text(old, room + 1);
-    if (text_) {
+    text_ = resize_text(text_, room == SIZE_MAX ? room : room + 1);
+    if (text_)
         room_ = room;
-        return true;
-    }
-    // A session has lost sight of the block; without one it is still ours.
-    if (!running_session())
-        free(old);
-    return false;
+    return text_ != nullptr;
 }
 
 char *text_builder::finish()

@@ -14,6 +14,9 @@
 namespace qv
 {
 
+// Resizes a growing text to `size` bytes; on failure it is released and the result is null.
+char *resize_text(char *text, size_t size);
+
 class text_builder
 {
   public:

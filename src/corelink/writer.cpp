@@ -73,6 +73,7 @@ class leaf_paths
         : begins_here_(!container->parent),
           path_(begins_here_ ? empty_text("clparse_build_path") : clparse_build_path(container))
     {
+        pathless_ = path_.failed();
     }
     ~leaf_paths()
     {
@@ -81,7 +82,7 @@ class leaf_paths
     leaf_paths(const leaf_paths &) = delete;
     leaf_paths &operator=(const leaf_paths &) = delete;
 
-    // Goes down to a child. False when memory is short.
+    // Goes down to a child, pathless or not: its leaves will tell. False when memory is short.
     bool enter(const clparse_node *container, const clparse_node *child, unsigned int position)
     {
         if (depth_ == room_ && !grow())
@@ -95,7 +96,7 @@ class leaf_paths
             append_segment(path_, container, child, position);
         }
         depth_++;
-        return !path_.failed();
+        return pathless_ || !path_.failed();
     }
 
     // Comes back up and returns the position of the child that is left.
@@ -562,7 +563,7 @@ char *clparse_build_path(const clparse_node *node)
     if (!path || top == node)
         return path;
     const size_t first = strlen(path);
-    path = grow_text(path, first + below + 1);
+    path = resize_text(path, first + below + 1);
     if (!path)
         return nullptr;
     char *end = path + first + below;

@@ -1,0 +1,17 @@
+# The library as a whole.
+if(CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+  set(SANITIZED sanitized)
+endif()
+add_test(NAME Headers.EachCompilesAloneAsC99AndCxx20
+  COMMAND ${CMAKE_COMMAND} -DCC=${CMAKE_C_COMPILER} -DCXX=${CMAKE_CXX_COMPILER}
+          -DINCLUDE=${PROJECT_SOURCE_DIR}/include -P ${CMAKE_CURRENT_SOURCE_DIR}/headers_test.cmake)
+add_test(NAME Library.ExportsWhatTheVersionScriptLists
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/exports_test.sh $<TARGET_FILE:qvlib> ${PROJECT_SOURCE_DIR}/src/qvlib.map
+          ${SANITIZED})
+foreach(document README.md docs/corelink.md docs/containers.md)
+  string(MAKE_C_IDENTIFIER ${document} name)
+  add_test(NAME Samples.Of_${name}_PrintWhatTheySay
+    COMMAND ${CMAKE_COMMAND} -DDOCUMENT=${PROJECT_SOURCE_DIR}/${document} -DCC=${CMAKE_C_COMPILER}
+            "-DFLAGS=${CMAKE_C_FLAGS}" -DINCLUDE=${PROJECT_SOURCE_DIR}/include -DLIBRARY=$<TARGET_FILE:qvlib>
+            -DWORK=${CMAKE_CURRENT_BINARY_DIR}/samples_${name} -P ${CMAKE_CURRENT_SOURCE_DIR}/sample_test.cmake)
+endforeach()
