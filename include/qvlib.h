@@ -12,6 +12,7 @@
 #include <qvlib/queue.h>
 #include <qvlib/scanner.h>
 #include <qvlib/scsi.h>
+#include <qvlib/sfp.h>
 #include <qvlib/strings.h>
 #include <qvlib/tree.h>
 

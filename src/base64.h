@@ -19,9 +19,9 @@ int base64_encode_by(bool shuffles, const uint8_t *in, char *out, size_t len, in
 int base64_decode_by(bool shuffles, const char *in, uint8_t *out, size_t len);
 
 #if defined(QV_BASE64_SHUFFLES)
-// Encodes blocks of 12 bytes to 16 characters and returns the number of blocks, at most `most`. Each reads 16
-// bytes, so `readable` bytes of input may end the work earlier.
-size_t base64_encode_shuffled(const uint8_t *in, size_t readable, size_t most, char *out);
+// Encodes `blocks` times 12 bytes to 16 characters. Whole registers are read while `readable` bytes of input,
+// of which the blocks are the first, allow it.
+void base64_encode_shuffled(const uint8_t *in, size_t readable, size_t blocks, char *out);
 
 // Decodes blocks of 16 characters to 12 bytes and returns the number of blocks. A block with a pad or a
 // foreign character ends the work.

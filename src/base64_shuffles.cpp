@@ -20,6 +20,11 @@ WITH_SHUFFLES inline __m128i load(const void *bytes)
     return _mm_loadu_si128(static_cast<const __m128i *>(bytes));
 }
 
+WITH_SHUFFLES inline void store(void *bytes, __m128i value)
+{
+    _mm_storeu_si128(static_cast<__m128i *>(bytes), value);
+}
+
 // Spreads twelve bytes over sixteen values of six bits.
 WITH_SHUFFLES inline __m128i spread(__m128i bytes)
 {
@@ -80,12 +85,17 @@ WITH_SHUFFLES inline __m128i pack(__m128i values)
 
 } // namespace
 
-WITH_SHUFFLES size_t qv::base64_encode_shuffled(const uint8_t *in, size_t readable, size_t most, char *out)
+WITH_SHUFFLES void qv::base64_encode_shuffled(const uint8_t *in, size_t readable, size_t blocks, char *out)
 {
-    size_t blocks = 0;
-    for (; blocks < most && readable >= 16; blocks++, in += 12, readable -= 12, out += 16)
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(out), to_symbols(spread(load(in))));
-    return blocks;
+    for (; blocks != 0 && readable >= 16; blocks--, in += 12, readable -= 12, out += 16)
+        store(out, to_symbols(spread(load(in))));
+    if (blocks != 0) {
+        // The input may end with this block, and a register is longer.
+        int32_t upper;
+        memcpy(&upper, in + 8, sizeof(upper));
+        const __m128i lower = _mm_loadl_epi64(reinterpret_cast<const __m128i *>(in));
+        store(out, to_symbols(spread(_mm_unpacklo_epi64(lower, _mm_cvtsi32_si128(upper)))));
+    }
 }
 
 WITH_SHUFFLES size_t qv::base64_decode_shuffled(const char *in, size_t length, uint8_t *out)

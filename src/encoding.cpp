@@ -119,7 +119,9 @@ char *encode_groups([[maybe_unused]] bool shuffles, const uint8_t *in, [[maybe_u
                     size_t groups, char *out)
 {
 #if defined(QV_BASE64_SHUFFLES)
-    const size_t blocks = shuffles ? qv::base64_encode_shuffled(in, readable, groups / 4, out) : 0;
+    const size_t blocks = shuffles ? groups / 4 : 0;
+    if (blocks != 0)
+        qv::base64_encode_shuffled(in, readable, blocks, out);
     in += 12 * blocks;
     out += 16 * blocks;
     groups -= 4 * blocks;

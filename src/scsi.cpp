@@ -4,6 +4,7 @@
  */
 #include <qvlib/scsi.h>
 
+#include "code_text.h"
 #include "scsi_tables.h"
 
 namespace
@@ -11,14 +12,14 @@ namespace
 
 constexpr auto asc_rows()
 {
-    return std::to_array<qv::code_text>({
+    return std::to_array<qv::text_row>({
 #include "scsi_asc.inc"
     });
 }
 
 constexpr auto opcode_rows()
 {
-    return std::to_array<qv::code_text>({
+    return std::to_array<qv::text_row>({
 #include "scsi_opcodes.inc"
     });
 }
@@ -32,12 +33,6 @@ constexpr unsigned char wildcard_ascs[] = {
     0x40, // DIAGNOSTIC FAILURE ON COMPONENT NN (80h-FFh)
     0x4d, // TAGGED OVERLAPPED COMMANDS (NN = TASK TAG)
     0x70, // DECOMPRESSION EXCEPTION SHORT ALGORITHM ID OF NN
-};
-
-// Short tables keep each text in its row.
-template <size_t Size> struct short_text {
-    unsigned char code;
-    char text[Size];
 };
 
 struct condition {
@@ -54,7 +49,7 @@ constexpr condition conditions[] = {
 static_assert(std::size(conditions) == 16);
 
 // T10 SAM-4, status codes.
-constexpr short_text<27> status_texts[] = {
+constexpr qv::code_text<27> status_texts[] = {
     {0x00, "GOOD"},
     {0x02, "CHECK CONDITION"},
     {0x04, "CONDITION MET"},
@@ -69,7 +64,7 @@ constexpr short_text<27> status_texts[] = {
 };
 
 // T10 SPC-4, peripheral device types.
-constexpr short_text<34> device_types[] = {
+constexpr qv::code_text<34> device_types[] = {
     {0, "Direct access block device"},
     {1, "Sequential-access device"},
     {2, "Printer device"},
@@ -93,19 +88,9 @@ constexpr short_text<34> device_types[] = {
 };
 
 // T10 SPC-4, standard INQUIRY data, version.
-constexpr short_text<7> revisions[] = {
+constexpr qv::code_text<7> revisions[] = {
     {0, "None"}, {1, "SCSI-1"}, {2, "SCSI-2"}, {3, "SPC"}, {4, "SPC-2"}, {5, "SPC-3"}, {6, "SPC-4"},
 };
-
-template <size_t Size, size_t Rows>
-const char *find_text(const short_text<Size> (&table)[Rows], unsigned int code, const char *absent)
-{
-    for (const short_text<Size> &row : table) {
-        if (row.code == code)
-            return row.text;
-    }
-    return absent;
-}
 
 } // namespace
 
@@ -142,17 +127,17 @@ const char *get_command_info(unsigned char opcode)
 
 const char *get_status_info(unsigned char status)
 {
-    return find_text(status_texts, status, "Reserved");
+    return qv::find_text(status_texts, status, "Reserved");
 }
 
 const char *get_device_type(unsigned int type)
 {
-    return find_text(device_types, type, "Reserved");
+    return qv::find_text(device_types, type, "Reserved");
 }
 
 const char *get_scsi_revision(unsigned int version)
 {
-    return find_text(revisions, version, "Unknown");
+    return qv::find_text(revisions, version, "Unknown");
 }
 
 const char *get_scsi_standard(unsigned int code)

@@ -15,7 +15,7 @@ namespace qv
 {
 
 // A row as it is written down; used by the compiler only.
-struct code_text {
+struct text_row {
     uint16_t code;
     std::string_view text;
 };
@@ -47,7 +47,7 @@ enum class sharing { none, many };
 
 // The first row with the text of a row.
 template <size_t Rows>
-constexpr size_t first_with_text(const std::array<code_text, Rows> &rows, size_t row, sharing shared)
+constexpr size_t first_with_text(const std::array<text_row, Rows> &rows, size_t row, sharing shared)
 {
     size_t first = shared == sharing::many ? 0 : row;
     while (rows[first].text != rows[row].text)

@@ -9,7 +9,7 @@ import unittest
 
 from tool_process import QVL, SOURCE, ToolTest
 
-COMMANDS = ("json", "xml", "corelink", "paths", "get", "walk", "merge", "check")
+COMMANDS = ("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c", "ssha")
 
 
 class Get(ToolTest):

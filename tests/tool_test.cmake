@@ -6,6 +6,7 @@ set(tool_test_files
     tool_commands_test.py
     tool_check_test.py
     tool_output_test.py
+    tool_device_test.py
     example_config_test.py
 )
 set(tool_leaks "suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tool_leaks.supp:print_suppressions=0")

@@ -15,6 +15,7 @@
 #include <qvlib/memcheck.h>
 #include <qvlib/scanner.h>
 #include "failure.h"
+#include "input.h"
 
 namespace qvl
 {
@@ -23,42 +24,6 @@ namespace
 {
 
 constexpr std::size_t longest_text = INT_MAX - 2; // the scanner counts in int
-
-struct descriptor {
-    int fd;
-
-    explicit descriptor(int opened) : fd(opened)
-    {
-    }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        if (fd > STDERR_FILENO)
-            close(fd);
-    }
-};
-
-std::string read_all(const std::string &path, const std::string &name)
-{
-    const descriptor source(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (source.fd == -1)
-        throw plain_failure(name + ": " + strerror(errno));
-    std::string text;
-    std::vector<char> block(1 << 16);
-    for (;;) {
-        const ssize_t got = read(source.fd, block.data(), block.size());
-        if (got == -1 && errno == EINTR)
-            continue;
-        if (got == -1)
-            throw plain_failure(name + ": " + strerror(errno));
-        if (got == 0)
-            return text;
-        text.append(block.data(), static_cast<std::size_t>(got));
-        if (text.size() > longest_text)
-            throw plain_failure(name + ": larger than " + std::to_string(longest_text) + " bytes");
-    }
-}
 
 // A scanner over a copy of the text; the copy, since a scanner marks the end of each token in its buffer.
 class scanner
@@ -300,8 +265,8 @@ void release_cursor(clparse_head *head)
 document read_document(const std::string &path)
 {
     document read;
-    read.name = path == "-" ? "<stdin>" : path;
-    const std::string text = read_all(path, read.name);
+    read.name = input_name(path);
+    const std::string text = read_input(path, longest_text);
     scanner source(text);
     read.head = make_head();
     const int result = yyparse(source.handle(), read.head.get());

@@ -1,4 +1,4 @@
-// qvl: reads corelink documents and writes, queries, merges and checks them.
+// qvl: reads corelink documents and writes, queries, merges and checks them; explains what devices hand out.
 //
 // Every subcommand reads all of its input and builds all of its output before the first byte is written.
 #include <CLI/CLI.hpp>
@@ -7,12 +7,14 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <functional>
 #include <new>
 #include <string>
 #include <unistd.h>
 #include <unordered_set>
 #include <vector>
 #include <qvlib/memcheck.h>
+#include "device_commands.h"
 #include "document.h"
 #include "failure.h"
 #include "output.h"
@@ -460,7 +462,8 @@ void keep_standard_descriptors()
 
 int run(int argc, char **argv)
 {
-    CLI::App app("Reads documents in the corelink language and writes, queries, merges and checks them.",
+    CLI::App app("Reads documents in the corelink language and writes, queries, merges and checks them.\n"
+                 "Explains transceivers and SCSI codes; makes checksums and salted passwords.",
                  "qvl");
     app.set_version_flag("-V,--version", "qvl " QVL_VERSION, "Print the version and exit");
     app.require_subcommand(1);
@@ -484,6 +487,8 @@ int run(int argc, char **argv)
     add_walk(app, walk);
     add_merge(app, merge);
     add_check(app, files);
+    std::function<int()> run_device_command;
+    const auto device_options = add_device_commands(app, run_device_command);
 
     try {
         app.parse(argc, argv);
@@ -494,13 +499,18 @@ int run(int argc, char **argv)
         write_output("", std::string(version.what()) + "\n");
         return success;
     } catch (const CLI::ParseError &error) {
-        const auto used = app.get_subcommands();
-        const std::string command = used.empty() ? "qvl" : "qvl " + used.front()->get_name();
+        std::string command = "qvl";
+        for (const CLI::App *at = &app; !at->get_subcommands().empty();) {
+            at = at->get_subcommands().front();
+            command += " " + at->get_name();
+        }
         report(plain_failure(error.what()));
         fprintf(stderr, "'%s --help' shows how it is used.\n", command.c_str());
         return usage_fault;
     }
 
+    if (run_device_command)
+        return run_device_command();
     for (const writer_command &row : writer_commands) {
         if (app.got_subcommand(row.name))
             return run_writer(row.wanted, writer);

@@ -2,7 +2,7 @@
 
 _qvl()
 {
-    local commands='json xml corelink paths get walk merge check'
+    local commands='json xml corelink paths get walk merge check sfp scsi crc32c ssha'
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
     local command='' options='' i
     COMPREPLY=()
@@ -24,8 +24,16 @@ _qvl()
     get) options='--type --json --output --help' ;;
     walk) options='--output --help' ;;
     merge) options='--update --insert --insert-sort --select --json --xml --pretty --output --help' ;;
-    check) options='--help' ;;
+    sfp) options='--json --table --output --help' ;;
+    check | scsi | crc32c | ssha) options='--help' ;;
     esac
+
+    if [[ $word != -* ]] && ((COMP_CWORD == i + 1)); then
+        case $command in
+        scsi) mapfile -t COMPREPLY < <(compgen -W 'sense opcode status standard decode' -- "$word") && return ;;
+        ssha) mapfile -t COMPREPLY < <(compgen -W 'make check' -- "$word") && return ;;
+        esac
+    fi
 
     compopt -o filenames 2>/dev/null
     if [[ $previous == --root ]]; then

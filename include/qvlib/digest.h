@@ -1,10 +1,10 @@
 /*
  * Message digests, MD5 (RFC 1321), SHA-1 and SHA-256 (FIPS 180-4), and salted passwords.
  *
- * A digest is made by init, any number of appends and finish over a context that the caller owns, or by one call of
- * single. Contexts hold no pointer and need no release; a copy of one continues on its own. A NULL context or digest
- * is left alone, NULL data counts as no data. SHA-1 and SHA-256 use the processor's own instructions where it has
- * them.
+ * A digest is made by init, any number of appends and finish over a context that the caller owns, or by one
+ * call of single. Contexts hold no pointer and need no release; a copy of one continues on its own. A NULL
+ * context or digest is left alone, NULL data counts as no data. SHA-1 and SHA-256 use the processor's own
+ * instructions where it has them.
  *
  * MD5 and SHA-1 are here for formats that need them; against somebody who looks for collisions use SHA-256.
  *
@@ -45,7 +45,7 @@ struct sha256_ctx {
     uint8_t buffer[64];
 };
 
-/* ---- Digests ----------------------------------------------------------------------------------------------- */
+/* ---- Digests ------------------------------------------------------------------------------------------- */
 
 /* Begin a digest: the standard's initial state and no bytes. */
 void md5_init(struct md5_ctx *ctx);
@@ -67,11 +67,11 @@ void md5_single(const void *data, size_t len, uint8_t *digest);
 void sha1_single(const void *data, size_t len, uint8_t *digest);
 void sha256_single(const void *data, size_t len, uint8_t *digest);
 
-/* ---- Salted passwords -------------------------------------------------------------------------------------- */
+/* ---- Salted passwords ---------------------------------------------------------------------------------- */
 
 /*
- * A salted password is the text "{SSHA}" and the base64 of 24 bytes: the SHA-1 of the password and 4 salt bytes,
- * then the salt. It has 38 characters.
+ * A salted password is the text "{SSHA}" and the base64 of 24 bytes: the SHA-1 of the password and 4 salt
+ * bytes, then the salt. It has 38 characters.
  */
 
 /*
@@ -87,8 +87,9 @@ char *ssha_generate(const char *password, char *out);
 /*
  * Checks a password against a salted text, in a time that does not depend on how much of the digest is right.
  *
- * Returns 0 when it matches, 1 when it does not (a text that is no base64 of 24 bytes matches nothing), or -1 with
- * errno EFAULT (an argument is NULL) or EINVAL (stored does not begin with "{SSHA}" or has not 38 characters).
+ * Returns 0 when it matches, 1 when it does not (a text that is no base64 of 24 bytes matches nothing), or -1
+ * with errno EFAULT (an argument is NULL) or EINVAL (stored does not begin with "{SSHA}" or has not 38
+ * characters).
  */
 int ssha_check(const char *password, const char *stored);
 

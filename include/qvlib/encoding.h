@@ -2,9 +2,9 @@
  * Encodings, checksums and integer helpers: bytes to text and back (base32 with a check symbol, base64, hex),
  * CRC-32C, FNV-1a hashes, Fibre Channel loop addresses, bit counts, roots and size units.
  *
- * Buffers are the caller's and nothing is allocated; input and output may not overlap. Bytes after the input are
- * read, and bytes after the result written, only where a function names its spare byte. A NULL input counts as
- * an empty one unless a function says otherwise. No function sets errno.
+ * Buffers are the caller's and nothing is allocated; input and output may not overlap. Bytes after the input
+ * are read, and bytes after the result written, only where a function names its spare byte. A NULL input
+ * counts as an empty one unless a function says otherwise. No function sets errno.
  *
  * Threads: no state is kept; any thread may call any function.
  */
@@ -18,11 +18,11 @@
 
 QV_BEGIN_DECLS
 
-/* ---- Base32 ------------------------------------------------------------------------------------------------ */
+/* ---- Base32 -------------------------------------------------------------------------------------------- */
 
 /*
- * The symbols are "0123456789ABCDEFGHJKMNPQRSTVWXYZ", each of five bits, the least significant bits first: not the
- * base32 of RFC 4648. A check symbol is the one for the sum of all data symbols' values modulo 32.
+ * The symbols are "0123456789ABCDEFGHJKMNPQRSTVWXYZ", each of five bits, the least significant bits first:
+ * not the base32 of RFC 4648. A check symbol is the one for the sum of all data symbols' values modulo 32.
  *
  * mode  1 is a dry run, 3 appends or verifies a check symbol, any other value is plain
  */
@@ -30,11 +30,11 @@ QV_BEGIN_DECLS
 /*
  * Encodes bytes and ends the text with a NUL.
  *
- * len      bytes of input. Unless 8 * len is a multiple of 5, the last symbol takes its upper bits from the byte
- *          behind the input: give a zero byte there.
+ * len      bytes of input. Unless 8 * len is a multiple of 5, the last symbol takes its upper bits from the
+ *          byte behind the input: give a zero byte there.
  * out      takes (8 * len + 4) / 5 symbols, room for a check symbol whatever the mode, and the NUL
- * outsize  bytes in out; the symbols that do not fit are left off, with room kept for a check symbol and the NUL.
- *          1 takes the NUL alone; with 0, or out NULL, nothing is written.
+ * outsize  bytes in out; the symbols that do not fit are left off, with room kept for a check symbol and the
+ *          NUL. 1 takes the NUL alone; with 0, or out NULL, nothing is written.
  * mode     see above; the dry run reads no input and writes a NUL for each symbol
  *
  * Returns the number of symbols, the check symbol included and the NUL not.
@@ -42,19 +42,20 @@ QV_BEGIN_DECLS
 int base32_encode(const uint8_t *in, size_t len, char *out, size_t outsize, int mode);
 
 /*
- * Decodes a text of symbols in either case; "O" reads as 0, "I" and "L" as 1, "U" as "V". Other characters are not
- * reported and give unspecified values.
+ * Decodes a text of symbols in either case; "O" reads as 0, "I" and "L" as 1, "U" as "V". Other characters
+ * are not reported and give unspecified values.
  *
- * in    NUL-terminated. The last symbol is never decoded into out: it is the check symbol's place in every mode.
+ * in    NUL-terminated. The last symbol is never decoded into out: it is the check symbol's place in every
+ *       mode.
  * out   takes 5 * n / 8 + 1 bytes for a text of n + 1 symbols; the last is a spare byte that may hold a rest
  * mode  see above; the dry run takes every symbol's value as 0
  *
- * Returns 7, whatever the length, or -1: the check symbol is wrong or missing (mode 3 only), or an argument is
- * NULL. The bytes are written even when the check symbol is wrong.
+ * Returns 7, whatever the length, or -1: the check symbol is wrong or missing (mode 3 only), or an argument
+ * is NULL. The bytes are written even when the check symbol is wrong.
  */
 int base32_decode(const char *in, uint8_t *out, int mode);
 
-/* ---- Base64 ------------------------------------------------------------------------------------------------ */
+/* ---- Base64 -------------------------------------------------------------------------------------------- */
 
 /*
  * Encodes bytes in the base64 of RFC 4648, padded with "=". No NUL is written.
@@ -63,7 +64,8 @@ int base32_decode(const char *in, uint8_t *out, int mode);
  * len   bytes of input
  * wrap  non-zero puts a line feed behind every 64 characters, also when they end the output
  *
- * Returns the number of characters written, line feeds included; 0 when out is NULL or the number exceeds INT_MAX.
+ * Returns the number of characters written, line feeds included; 0 when out is NULL or the number exceeds
+ * INT_MAX.
  */
 int base64_encode(const uint8_t *in, char *out, size_t len, int wrap);
 
@@ -77,7 +79,7 @@ int base64_encode(const uint8_t *in, char *out, size_t len, int wrap);
  */
 int base64_decode(const char *in, uint8_t *out, size_t len);
 
-/* ---- Hex --------------------------------------------------------------------------------------------------- */
+/* ---- Hex ----------------------------------------------------------------------------------------------- */
 
 /*
  * Writes two lower-case digits for each byte, and a NUL.
@@ -89,24 +91,25 @@ int base64_decode(const char *in, uint8_t *out, size_t len);
 size_t hex_encode(const uint8_t *in, size_t len, char *out);
 
 /*
- * Reads a text of hex digits in either case, with or without "0x" in front; an odd number of digits gives a first
- * byte below 16.
+ * Reads a text of hex digits in either case, with or without "0x" in front; an odd number of digits gives a
+ * first byte below 16.
  *
  * out      takes one byte for each pair of digits begun
  * outsize  bytes expected at most: one more than this is accepted too, so out has a spare byte
  *
- * Returns the number of bytes, or -1 (too many digits, none at all, an argument NULL), -2 (no digit where a byte's
- * low half is expected) or -3 (where its high half is). The text is read from its end: with -2 and -3 the bytes to
- * the right of the fault are written.
+ * Returns the number of bytes, or -1 (too many digits, none at all, an argument NULL), -2 (no digit where a
+ * byte's low half is expected) or -3 (where its high half is). The text is read from its end: with -2 and -3
+ * the bytes to the right of the fault are written.
  */
 int hex_decode(const char *str, uint8_t *out, size_t outsize);
 
-/* ---- Checksums and hashes ---------------------------------------------------------------------------------- */
+/* ---- Checksums and hashes ------------------------------------------------------------------------------ */
 
 /*
- * Returns the CRC-32C of a buffer of len bytes with its four bytes reversed, on every machine: the check value of
- * "123456789", 0xe3069283, is returned as 0x839206e3. A big-endian machine that stores the result has the bytes in
- * the order in which iSCSI and SCTP carry them. Uses the processor's own instructions where it has them.
+ * Returns the CRC-32C of a buffer of len bytes with its four bytes reversed, on every machine: the check
+ * value of "123456789", 0xe3069283, is returned as 0x839206e3. A big-endian machine that stores the result
+ * has the bytes in the order in which iSCSI and SCTP carry them. Uses the processor's own instructions where
+ * it has them.
  */
 uint32_t crc32c(const void *buf, size_t len);
 
@@ -121,15 +124,15 @@ uint64_t hash_buf_64(const void *buf, size_t len);
 uint32_t hash_str(const char *s);
 uint64_t hash_str_64(const char *s);
 
-/* ---- Fibre Channel ----------------------------------------------------------------------------------------- */
+/* ---- Fibre Channel ------------------------------------------------------------------------------------- */
 
 /*
- * Returns 1 when alpa is one of the 126 arbitrated-loop physical addresses of an NL_Port, 0x01 to 0xef, else 0. The
- * FL_Port's address 0x00 gives 0.
+ * Returns 1 when alpa is one of the 126 arbitrated-loop physical addresses of an NL_Port, 0x01 to 0xef, else
+ * 0. The FL_Port's address 0x00 gives 0.
  */
 int is_valid_fc_al_pa(unsigned int alpa);
 
-/* ---- Integers ---------------------------------------------------------------------------------------------- */
+/* ---- Integers ------------------------------------------------------------------------------------------ */
 
 /* Return the number of leading and trailing zero bits; 32 for 0. */
 int clz(uint32_t v);
@@ -143,8 +146,8 @@ unsigned int qv_ilog2_64(uint64_t v);
 uint32_t isqrt32(uint32_t v);
 
 /*
- * Compare two numbers by their signed 64-bit difference, with a tolerance on one side: *a one above *b counts as
- * equal, one below does not. Both functions give the same on every machine. NULL stands for 0.
+ * Compare two numbers by their signed 64-bit difference, with a tolerance on one side: *a one above *b counts
+ * as equal, one below does not. Both functions give the same on every machine. NULL stands for 0.
  *
  * Return -1, 0 or 1 for *a less than, equal to or greater than *b.
  */

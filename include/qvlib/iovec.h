@@ -1,5 +1,6 @@
 /*
- * I/O vectors: helpers for scatter-gather data in arrays of struct iovec, as readv, writev and sendmsg take them.
+ * I/O vectors: helpers for scatter-gather data in arrays of struct iovec, as readv, writev and sendmsg take
+ * them.
  *
  * A vector is an array of entries with a count; a count of 0 or less, and a NULL array, is an empty vector. A
  * cursor is an entry's index and a byte offset within that entry. No function changes the caller's vector; an
@@ -61,8 +62,8 @@ void delinearise_to_iovec(const struct iovec *iov, int iovcnt, const void *buf, 
  * scratch     scratchcnt entries for the result; may be NULL. Its contents are undefined after a failure.
  * iov         the source; the new entries point into its buffers
  *
- * Returns 0, or -1 with *out and *outcnt untouched: the range ends beyond the data, the vector is empty, out or
- * outcnt is NULL, or the array cannot be allocated (errno ENOMEM; otherwise errno is left alone).
+ * Returns 0, or -1 with *out and *outcnt untouched: the range ends beyond the data, the vector is empty, out
+ * or outcnt is NULL, or the array cannot be allocated (errno ENOMEM; otherwise errno is left alone).
  * Ownership: when *out is not scratch, the caller releases it with free().
  * Cost: linear in the number of entries up to the end of the range.
  */

@@ -1,6 +1,6 @@
 /*
- * SCSI codes in words: status, sense keys, additional sense codes, operation codes, and the device type, version and
- * version descriptors of INQUIRY data. The texts are those of T10's assignments in the SPC-4 era.
+ * SCSI codes in words: status, sense keys, additional sense codes, operation codes, and the device type,
+ * version and version descriptors of INQUIRY data. The texts are those of T10's assignments in the SPC-4 era.
  *
  * Returned texts are constant: nobody releases them. No function sets errno.
  *
@@ -24,10 +24,11 @@ struct scsi_standard {
 extern const struct scsi_standard standards_list[118];
 
 /*
- * Returns the text of an additional sense code and its qualifier, "Unknown ASC/ASCQ" when T10's list has no such row.
+ * Returns the text of an additional sense code and its qualifier, "Unknown ASC/ASCQ" when T10's list has no
+ * such row.
  *
- * ASC 40h, 4Dh and 70h, whose qualifier is a number and no code, give "NO ADDITIONAL SENSE INFORMATION", "FILEMARK
- * DETECTED" and "END-OF-PARTITION/MEDIUM DETECTED" with any qualifier.
+ * ASC 40h, 4Dh and 70h, whose qualifier is a number and no code, give "NO ADDITIONAL SENSE INFORMATION",
+ * "FILEMARK DETECTED" and "END-OF-PARTITION/MEDIUM DETECTED" with any qualifier.
  */
 const char *get_ascascq_info(unsigned char asc, unsigned char ascq);
 
