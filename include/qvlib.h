@@ -6,6 +6,7 @@
 #include <qvlib/digest.h>
 #include <qvlib/encoding.h>
 #include <qvlib/iovec.h>
+#include <qvlib/lock_check.h>
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 #include <qvlib/queue.h>
@@ -13,5 +14,6 @@
 #include <qvlib/scsi.h>
 #include <qvlib/sfp.h>
 #include <qvlib/strings.h>
+#include <qvlib/tree.h>
 
 #endif
