@@ -6,6 +6,7 @@
 #include <qvlib/digest.h>
 #include <qvlib/encoding.h>
 #include <qvlib/iovec.h>
+#include <qvlib/lock_check.h>
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 #include <qvlib/queue.h>
@@ -16,5 +17,6 @@
 #include <qvlib/socket.h>
 #include <qvlib/strings.h>
 #include <qvlib/transport.h>
+#include <qvlib/tree.h>
 
 #endif

@@ -84,6 +84,27 @@ q_elem *find_in_list(q_queue *q, q_elem *head, unsigned int key)
     return nullptr;
 }
 
+__attribute__((noinline)) q_elem *find_in_lists(q_queue *q, unsigned int key)
+{
+    for (unsigned int i = 0; i < q->list_count; i++)
+        if (q_elem *elem = find_in_list(q, &q->lists[i], key))
+            return elem;
+    return nullptr;
+}
+
+// Part of each of its callers: a lookup in a slot is so short that a further call would show.
+inline q_elem *find_element(q_queue *q, unsigned int key, unsigned int flags)
+{
+    if (q == nullptr)
+        return nullptr;
+    if ((flags & Q_SKIP_SLOT) == 0) {
+        q_elem *elem = *slot_of(q, key);
+        if (elem != nullptr && ((flags & Q_ANY_OCCUPANT) != 0 || q->compare(elem->data, key, flags) != 0))
+            return elem;
+    }
+    return (flags & Q_SLOT_ONLY) == 0 ? find_in_lists(q, key) : nullptr;
+}
+
 q_queue *allocate_queue(unsigned int slot_count)
 {
     constexpr size_t most = (SIZE_MAX - sizeof(q_queue)) / sizeof(q_elem *);
@@ -204,24 +225,12 @@ q_elem *q_add_list(q_queue *q, void *item, unsigned int list, void *arg)
 
 q_elem *q_refer_element(q_queue *q, unsigned int key, unsigned int flags)
 {
-    if (q == nullptr)
-        return nullptr;
-    if ((flags & Q_SKIP_SLOT) == 0) {
-        q_elem *elem = *slot_of(q, key);
-        if (elem != nullptr && ((flags & Q_ANY_OCCUPANT) != 0 || q->compare(elem->data, key, flags) != 0))
-            return elem;
-    }
-    if ((flags & Q_SLOT_ONLY) != 0)
-        return nullptr;
-    for (unsigned int i = 0; i < q->list_count; i++)
-        if (q_elem *elem = find_in_list(q, &q->lists[i], key))
-            return elem;
-    return nullptr;
+    return find_element(q, key, flags);
 }
 
 void *q_refer(q_queue *q, unsigned int key, unsigned int flags)
 {
-    q_elem *elem = q_refer_element(q, key, flags);
+    q_elem *elem = find_element(q, key, flags);
     return elem != nullptr ? elem->data : nullptr;
 }
 

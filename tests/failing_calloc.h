@@ -11,24 +11,43 @@ namespace failing_calloc
 
 // Calls that still succeed before one fails; negative for no failure.
 inline int successes_left = -1;
-// What the wrapped calls returned last; a failed call counts as nothing.
+// Every call fails from then on, not just one.
+inline bool for_good = false;
+// Called before every calloc, when set.
+inline void (*on_calloc)() = nullptr;
+// What calloc returned last.
 inline void *last_block = nullptr;
 
-// The call after `successes` further ones fails; all succeed again when this ends.
+// The call after `successes` further ones fails (with `all_from_then`, the later ones too); all succeed again
+// when this ends.
 class after
 {
   public:
-    explicit after(int successes)
+    explicit after(int successes, bool all_from_then = false)
     {
         successes_left = successes;
+        for_good = all_from_then;
     }
     ~after()
     {
         successes_left = -1;
+        for_good = false;
     }
     after(const after &) = delete;
     after &operator=(const after &) = delete;
 };
+
+inline bool fails()
+{
+    if (successes_left == 0) {
+        successes_left = for_good ? 0 : -1;
+        errno = ENOMEM;
+        return true;
+    }
+    if (successes_left > 0)
+        successes_left--;
+    return false;
+}
 
 } // namespace failing_calloc
 
@@ -37,15 +56,11 @@ void *__real_calloc(size_t count, size_t size);
 
 inline __attribute__((used)) void *__wrap_calloc(size_t count, size_t size)
 {
-    using namespace failing_calloc;
-    if (successes_left == 0) {
-        successes_left = -1;
-        errno = ENOMEM;
+    if (failing_calloc::on_calloc != nullptr)
+        failing_calloc::on_calloc();
+    if (failing_calloc::fails())
         return nullptr;
-    }
-    if (successes_left > 0)
-        successes_left--;
-    return last_block = __real_calloc(count, size);
+    return failing_calloc::last_block = __real_calloc(count, size);
 }
 }
 

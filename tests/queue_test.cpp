@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "failing_calloc.h"
+#include "failing_malloc.h"
 
 namespace
 {
@@ -165,16 +165,16 @@ TEST_F(Queue, MayHaveNoLists)
 
 TEST_F(Queue, IsRefusedWhenItsBlockCannotBeHad)
 {
-    failing_calloc::after none(0);
+    failing_alloc::after none(0);
     EXPECT_EQ(q_init(2, 2, compare_key, verdict, verdict, nullptr), nullptr);
 }
 
 TEST_F(Queue, IsRefusedAndKeepsItsBlockWhenTheHeadsCannotBeHad)
 {
-    failing_calloc::after one(1);
+    failing_alloc::after one(1);
     EXPECT_EQ(q_init(2, 2, compare_key, verdict, verdict, nullptr), nullptr);
     // The block was not released: it can be read and freed here.
-    auto *block = static_cast<q_queue *>(failing_calloc::last_block);
+    auto *block = static_cast<q_queue *>(failing_alloc::last_block);
     EXPECT_EQ(block->lists, nullptr);
     free(block);
 }
@@ -266,11 +266,11 @@ TEST_F(Queue, IsUnchangedWhenAnElementCannotBeHad)
 {
     make(2, 1);
     {
-        failing_calloc::after none(0);
+        failing_alloc::after none(0);
         EXPECT_EQ(q_add_queue(q, &a, 1, nullptr), nullptr);
     }
     {
-        failing_calloc::after none(0);
+        failing_alloc::after none(0);
         EXPECT_EQ(q_add_list(q, &a, 0, nullptr), nullptr);
     }
     EXPECT_EQ(q_queuecount(q), 0u);

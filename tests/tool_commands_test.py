@@ -9,7 +9,7 @@ import unittest
 
 from tool_process import QVL, SOURCE, ToolTest
 
-COMMANDS = ("json", "xml", "corelink", "paths", "get", "merge", "check", "sfp", "scsi", "crc32c", "ssha")
+COMMANDS = ("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c", "ssha")
 
 
 class Get(ToolTest):
@@ -155,6 +155,42 @@ class Merge(ToolTest):
 
     def test_a_bad_source_is_reported(self):
         self.assertTrue(self.refuse("--update", "a=1", "b={").startswith('s.cl:1:3: syntax error near "{"'))
+
+
+class Walk(ToolTest):
+    TEXT = 'a=1,s={mx="q\\"z",mt={mb=true,mn},me=[],mp=[5,{mc=6}],mz=7},n,v={},w={mk={ml=8}}'
+
+    def setUp(self):
+        super().setUp()
+        self.write("f.cl", self.TEXT)
+
+    def test_leaves_in_the_order_of_the_document(self):
+        self.assertEqual(
+            self.output("walk", "f.cl"),
+            b's.mx="q\\"z"\ns.mt.mb=true\ns.mt.mn\ns.mp.0=5\ns.mp.1.mc=6\ns.mz=7\nw.mk.ml=8\n',
+        )
+
+    def test_begins_at_a_path(self):
+        self.assertEqual(self.output("walk", "f.cl", "s.mp"), b"s.mp.0=5\ns.mp.1.mc=6\ns.mz=7\n")
+        self.assertEqual(self.output("walk", "f.cl", "s.mt.mn").splitlines()[0], b"s.mt.mn")
+        self.assertEqual(self.output("walk", "f.cl", "a"), b"a=1\n")
+        self.assertEqual(self.output("walk", "f.cl", "v"), b"")
+
+    def test_passes_over_names_that_differ_in_the_first_character_only(self):
+        self.assertEqual(self.output("walk", "-", stdin="s={A={x=1},B={x=2},Ca={x=3}}"), b"s.A.x=1\ns.Ca.x=3\n")
+
+    def test_a_missing_path_is_named(self):
+        self.assertEqual(self.complaint("walk", "f.cl", "s.q"), "qvl: f.cl: no such path: s.q\n")
+
+    def test_leaves_of_one_path_are_refused(self):
+        self.assertIn('can\'t pass "s.a"', self.complaint("walk", "-", stdin="s={a=1,a=2,b=3}"))
+
+    def test_writes_a_file(self):
+        self.assertEqual(self.output("walk", "-o", "out", "f.cl", "w"), b"")
+        self.assertEqual(self.read("out"), b"w.mk.ml=8\n")
+
+    def test_needs_a_file(self):
+        self.assertIn("FILE", self.complaint("walk", status=2))
 
 
 class Usage(ToolTest):

@@ -11,6 +11,7 @@
 #include <new>
 #include <string>
 #include <unistd.h>
+#include <unordered_set>
 #include <vector>
 #include <qvlib/memcheck.h>
 #include "device_commands.h"
@@ -54,6 +55,12 @@ struct merge_options {
     bool json = false;
     bool xml = false;
     bool pretty = false;
+};
+
+struct walk_options {
+    std::string file;
+    std::string path;
+    std::string output;
 };
 
 std::string take_text(char *text)
@@ -162,6 +169,81 @@ int run_get(const get_options &options)
     return success;
 }
 
+std::string path_text(const clparse_node *node)
+{
+    return take_text(clparse_build_path(node));
+}
+
+// The leaves that get-next steps reach, one a line. A step names its leaf by a path, which must lead back to
+// it.
+class leaf_walk
+{
+  public:
+    explicit leaf_walk(const document &read) : read_(read)
+    {
+    }
+
+    // Lists from a node on, up to the end of the member of the document that it is in.
+    void list_from(clparse_node *node)
+    {
+        // Steps can't begin at a member of the document itself: the root's children are not theirs.
+        while (is_container(node) && node->parent == read_.root()) {
+            clparse_node *sentinel = node->value.children;
+            if (sentinel->next == sentinel)
+                return;
+            node = sentinel->next;
+        }
+        if (!is_container(node))
+            append(node, path_text(node));
+        while (char *next = build_path_next_leaf(node)) {
+            const std::string path = take_text(next);
+            node = clparse_get_node(read_.head.get(), path.c_str());
+            if (node == nullptr || !visited_.insert(node).second)
+                throw plain_failure(read_.name + ": the walk can't pass \"" + path +
+                                    "\": another member has the same name");
+            append(node, path);
+        }
+    }
+
+    const std::string &text() const
+    {
+        return text_;
+    }
+
+  private:
+    void append(const clparse_node *leaf, const std::string &path)
+    {
+        visited_.insert(leaf);
+        text_ += path;
+        if (leaf->type != CLPARSE_TYPE_NULL)
+            text_ += "=" + to_corelink(leaf, layout::compact);
+        text_ += "\n";
+    }
+
+    const document &read_;
+    std::string text_;
+    std::unordered_set<const clparse_node *> visited_;
+};
+
+int run_walk(const walk_options &options)
+{
+    const document read = read_document(options.file);
+    leaf_walk walk(read);
+    if (!options.path.empty()) {
+        clparse_node *node = clparse_get_node(read.head.get(), options.path.c_str());
+        if (node == nullptr)
+            throw plain_failure(read.name + ": no such path: " + options.path);
+        walk.list_from(node);
+    } else {
+        clparse_node *sentinel = read.root()->value.children;
+        for (clparse_node *member = sentinel->next; member != sentinel; member = member->next)
+            if (is_container(member))
+                walk.list_from(member);
+    }
+    write_output(options.output, walk.text());
+    return success;
+}
+
 // The source node at which an update stopped. The merge hands its actions no argument to keep it in.
 const clparse_node *stopped_at;
 
@@ -181,11 +263,6 @@ int merge_trees(const merge_options &options, const document &target, const docu
         return clparse_select(target.head.get(), source.head.get());
     // clparse_update, with an action that remembers where it stopped.
     return clparse_search_tree(target.root(), source.root(), clparse_dfl_found_action, stop_update);
-}
-
-std::string path_text(const clparse_node *node)
-{
-    return take_text(clparse_build_path(node));
 }
 
 void check_merge(int result, const document &target, const document &source)
@@ -305,6 +382,26 @@ void add_get(CLI::App &app, get_options &options)
                     "  qvl get --json appliance.cl events.0");
 }
 
+void add_walk(CLI::App &app, walk_options &options)
+{
+    CLI::App *command = app.add_subcommand("walk", "List the leaves that SNMP's get-next would visit");
+    command->add_option("FILE", options.file, "The document; - reads standard input")
+        ->type_name("")
+        ->required();
+    command
+        ->add_option("PATH", options.path,
+                     "Where to begin; the walk ends with the member of the\n"
+                     "document that PATH is in. Without it, all are walked")
+        ->type_name("");
+    add_output_option(command, options.output);
+    command->footer(
+        "Members of the document that are no struct or array are not visited. Where a struct is left,\n"
+        "siblings whose names differ from its own in the first character only are passed over.\n\n"
+        "Examples:\n"
+        "  qvl walk appliance.cl\n"
+        "  qvl walk appliance.cl ports.fc1");
+}
+
 void add_merge(CLI::App &app, merge_options &options)
 {
     CLI::App *command = app.add_subcommand("merge", "Merge SOURCE into TARGET and write the merged document");
@@ -381,11 +478,13 @@ int run(int argc, char **argv)
                "  qvl json --pretty appliance.cl");
     write_options writer;
     get_options get;
+    walk_options walk;
     merge_options merge;
     std::vector<std::string> files;
     for (const writer_command &row : writer_commands)
         add_writer(app, row, writer);
     add_get(app, get);
+    add_walk(app, walk);
     add_merge(app, merge);
     add_check(app, files);
     std::function<int()> run_device_command;
@@ -418,6 +517,8 @@ int run(int argc, char **argv)
     }
     if (app.got_subcommand("get"))
         return run_get(get);
+    if (app.got_subcommand("walk"))
+        return run_walk(walk);
     if (app.got_subcommand("merge"))
         return run_merge(merge);
     return run_check(files);

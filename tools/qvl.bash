@@ -2,7 +2,7 @@
 
 _qvl()
 {
-    local commands='json xml corelink paths get merge check sfp scsi crc32c ssha'
+    local commands='json xml corelink paths get walk merge check sfp scsi crc32c ssha'
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
     local command='' options='' i
     COMPREPLY=()
@@ -22,6 +22,7 @@ _qvl()
     json | corelink | paths) options='--pretty --raw --output --help' ;;
     xml) options='--pretty --raw --root --output --help' ;;
     get) options='--type --json --output --help' ;;
+    walk) options='--output --help' ;;
     merge) options='--update --insert --insert-sort --select --json --xml --pretty --output --help' ;;
     sfp) options='--json --table --output --help' ;;
     check | scsi | crc32c | ssha) options='--help' ;;
@@ -39,7 +40,7 @@ _qvl()
         return
     elif [[ $word == -* && $previous != -o && $previous != --output ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")
-    elif [[ $command == get && -f ${COMP_WORDS[i+1]} ]] && ((COMP_CWORD > i + 1)) &&
+    elif [[ $command == @(get|walk) && -f ${COMP_WORDS[i+1]} ]] && ((COMP_CWORD > i + 1)) &&
          [[ $previous != -o && $previous != --output ]]; then
         # The next segment of a path, from the document itself.
         local paths

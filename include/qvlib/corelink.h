@@ -330,6 +330,67 @@ char *clparse_get_path(clparse_head *head, const char *path);
  */
 int cl_cat_array_element(char **buf, size_t size, const char *fmt, ...) QV_PRINTF(3, 4);
 
+/* ---- SNMP editing ------------------------------------------------------------------------------------------ */
+
+/*
+ * For an SNMP agent that keeps its managed objects in a tree. The first character of a tag is the agent's own mark;
+ * check_tag_snmp, clparse_select_snmp and build_path_next_leaf do not compare it. All need exclusive use of the
+ * tree.
+ */
+
+/*
+ * Each puts a new node in the place of `node`, which is destroyed with its subtree; on failure it is untouched.
+ * O(1) and the size of what is destroyed. Copies are made of tag and value.
+ *
+ * Failures are logged at level 3: a tag or value is NULL or memory is short ("failed to create ..."), or node is
+ * NULL ("failed to change ...").
+ */
+
+/* An empty struct. Returns the new node, or NULL. */
+clparse_node *make_struct_node(clparse_node *node, const char *tag);
+
+/* A string. Returns 0, or -1. */
+int make_string_node(clparse_node *node, const char *tag, const char *value);
+
+/* A function node with the tag of `node`, which it must have. Returns 0, or -1. */
+int make_function_node(clparse_node *node, clparse_expand_fn expand, clparse_apply_fn apply,
+                       clparse_release_fn release, void *priv);
+
+/*
+ * Sets a node's parent without linking it. An expand callback calls it on the node that it hands out, with the
+ * parent of the function node, so that build_path_next_leaf and clparse_build_path can climb from it. O(1).
+ */
+void clparse_snmp_edit_fn_node(clparse_node *node, clparse_node *parent);
+
+/* Returns strcmp of two tags behind their first characters. A NULL or empty tag counts as one of one character. */
+int check_tag_snmp(const char *a, const char *b);
+
+/*
+ * Merges a source tree into the values that a target tree names: as clparse_select, but leaves match without regard
+ * to the first character of their tags, and take the source's tag. Containers match by whole tags.
+ *
+ * Returns 0, or -1 for a NULL head and as clparse_search_tree.
+ */
+int clparse_select_snmp(clparse_head *target, clparse_head *source);
+
+/*
+ * Steps to the next leaf in document order. Function nodes on the way are expanded, and the expansion is not
+ * released: it belongs to the function node's owner, as what clparse_get_tagtype finds in it. An expansion must
+ * have its parent set (see clparse_snmp_edit_fn_node) and, to be left again, the function node's tag.
+ *
+ * node  a leaf, or a container or function node to begin with the first leaf in it
+ *
+ * The walk ends where it would climb to the root: children of the root are not visited, nor is a subtree of the
+ * root left for the next one. Children of one container must differ in their tags behind the first character:
+ * those that do not are passed over together when one of them is left. Elements without a tag are told apart.
+ *
+ * A step costs the number of nodes passed over: for each container that is left, up to the number of its siblings.
+ *
+ * Returns the leaf's path (as clparse_build_path), which the caller releases, or NULL at the end, for a node whose
+ * parent is the root or NULL, when an expansion fails and when memory is short.
+ */
+char *build_path_next_leaf(clparse_node *node);
+
 QV_END_DECLS
 
 #endif
