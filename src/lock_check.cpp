@@ -20,8 +20,8 @@
 namespace
 {
 
-struct link {
-    link *next, *prev;
+struct list_link {
+    list_link *next, *prev;
 };
 
 struct lock_site {
@@ -30,14 +30,14 @@ struct lock_site {
     void *extra;
     uint64_t hash; // of "FILE:LINE"; tells sites apart
     size_t count;
-    link links;
+    list_link links;
     lock_site *chain; // the next one of its bucket
 };
 
 struct lock_holder {
     int id;
     lock_site *site;
-    link links;
+    list_link links;
     lock_holder *chain;
 };
 
@@ -141,7 +141,7 @@ template <class Entry> class table
 };
 
 struct checker {
-    link sites, holders; // list heads
+    list_link sites, holders; // list heads
     pthread_mutex_t mutex;
     table<lock_site> sites_by_hash;
     table<lock_holder> holders_by_id;
@@ -149,12 +149,12 @@ struct checker {
 
 checker *context;
 
-void make_empty(link *head)
+void make_empty(list_link *head)
 {
     head->next = head->prev = head;
 }
 
-void put_in_front(link *head, link *added)
+void put_in_front(list_link *head, list_link *added)
 {
     added->next = head->next;
     added->prev = head;
@@ -162,13 +162,13 @@ void put_in_front(link *head, link *added)
     head->next = added;
 }
 
-void unlink(link *removed)
+void unlink(list_link *removed)
 {
     removed->prev->next = removed->next;
     removed->next->prev = removed->prev;
 }
 
-template <class Entry> Entry *entry_of(link *links)
+template <class Entry> Entry *entry_of(list_link *links)
 {
     return reinterpret_cast<Entry *>(reinterpret_cast<char *>(links) - offsetof(Entry, links));
 }
@@ -304,7 +304,7 @@ void check_lock_dump(void)
     if (context == nullptr)
         return;
     qv::mutex_guard lock(context->mutex);
-    for (link *each = context->sites.next; each != &context->sites; each = each->next) {
+    for (list_link *each = context->sites.next; each != &context->sites; each = each->next) {
         const auto *site = entry_of<lock_site>(each);
         printf("%s:%zu count=%zu\n", site->file, site->line, site->count);
     }
@@ -316,7 +316,7 @@ void check_lock_exit(void)
         return;
     while (context->holders.next != &context->holders)
         remove_holder(entry_of<lock_holder>(context->holders.next));
-    for (link *each = context->sites.next, *next; each != &context->sites; each = next) {
+    for (list_link *each = context->sites.next, *next; each != &context->sites; each = next) {
         next = each->next;
         free_site(entry_of<lock_site>(each));
     }
