@@ -102,8 +102,8 @@ q_elem *find_by_flags(q_queue *q, unsigned int key, unsigned int flags)
     return (flags & Q_SLOT_ONLY) == 0 ? find_in_lists(q, key) : nullptr;
 }
 
-// Part of each of its callers, with a road of its own for no flags: a lookup in a slot is so short that a further
-// call, or registers kept for the flags, would show.
+// Part of each of its callers, with a road of its own for no flags: a lookup in a slot is so short that a
+// further call, or registers kept for the flags, would show.
 inline q_elem *find_element(q_queue *q, unsigned int key, unsigned int flags)
 {
     if (q == nullptr)
