@@ -92,17 +92,26 @@ __attribute__((noinline)) q_elem *find_in_lists(q_queue *q, unsigned int key)
     return nullptr;
 }
 
-// Part of each of its callers: a lookup in a slot is so short that a further call would show.
-inline q_elem *find_element(q_queue *q, unsigned int key, unsigned int flags)
+q_elem *find_by_flags(q_queue *q, unsigned int key, unsigned int flags)
 {
-    if (q == nullptr)
-        return nullptr;
     if ((flags & Q_SKIP_SLOT) == 0) {
         q_elem *elem = *slot_of(q, key);
         if (elem != nullptr && ((flags & Q_ANY_OCCUPANT) != 0 || q->compare(elem->data, key, flags) != 0))
             return elem;
     }
     return (flags & Q_SLOT_ONLY) == 0 ? find_in_lists(q, key) : nullptr;
+}
+
+// Part of each of its callers, with a road of its own for no flags: a lookup in a slot is so short that a
+// further call, or registers kept for the flags, would show.
+inline q_elem *find_element(q_queue *q, unsigned int key, unsigned int flags)
+{
+    if (q == nullptr)
+        return nullptr;
+    if (flags != 0)
+        return find_by_flags(q, key, flags);
+    q_elem *elem = *slot_of(q, key);
+    return elem != nullptr && q->compare(elem->data, key, 0) != 0 ? elem : find_in_lists(q, key);
 }
 
 q_queue *allocate_queue(unsigned int slot_count)
