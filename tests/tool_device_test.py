@@ -108,6 +108,32 @@ class SfpBlocks(ToolTest):
             with self.subTest(form):
                 self.assertEqual(self.output("sfp", "-", stdin=dump(block, form)), expected)
 
+    def test_hex_text_without_offsets_loses_no_byte(self):
+        block = example_bytes("copper")
+        zeros = bytes(4) + block[4:]
+        for content in (block, zeros):
+            self.write("block", content)
+            expected = self.output("sfp", "block")
+            words = [content[at : at + 4].hex() for at in range(0, len(content), 4)]
+            for name, text in [
+                ("colons", content.hex(":")),
+                ("a word a line", "\n".join(words)),
+                ("two words a line", "".join(f"{a}  {b}\n" for a, b in zip(words[::2], words[1::2]))),
+                ("CR LF", "\r\n".join(words)),
+            ]:
+                with self.subTest(name):
+                    self.assertEqual(self.output("sfp", "-", stdin=text), expected)
+
+    def test_a_dump_may_end_its_lines_with_cr_lf(self):
+        block = example_bytes("copper")
+        expected = self.output("sfp", example("copper"))
+        for form in ("ethtool", "i2cdump", "xxd", "hexdump"):
+            with self.subTest(form):
+                text = dump(block, form).replace("\n", "\r\n")
+                self.assertEqual(self.output("sfp", "-", stdin=text), expected)
+                text = dump(block[:80], form).replace("\n", "\r\n")
+                self.assertIn("<stdin>: 80 bytes;", self.complaint("sfp", "-", stdin=text))
+
     def test_quotes_of_a_vendor_do_not_break_the_report(self):
         block = bytearray(example_bytes("copper"))
         block[20:24] = b'a"\\\xff'
