@@ -267,6 +267,16 @@ class SenseData(ToolTest):
         told = self.decode("72 06 29 00 00 00 00 0c 00 0a 80")
         self.assertEqual(told["Note"], "cut off: 11 of 20 bytes")
 
+    def test_a_descriptor_that_runs_over_the_end(self):
+        for last in ("00 0a 80 00", "03 02 00 05 80"):
+            told = self.decode(f"72 06 29 00 00 00 00 0{len(last.split())} " + last)
+            self.assertEqual(told["Note"], "the last descriptor ends behind the sense data")
+
+    def test_many_descriptors_fit_one_screen(self):
+        told = self.output("scsi", "decode", "-", stdin="72 06 29 00 80 00 00 f9" + 124 * "80 00" + "80").decode()
+        self.assertLess(len(told.splitlines()), 24)
+        self.assertIn("More descriptors    108\n", told)
+
     def test_binary(self):
         self.write("sense", bytes.fromhex("70000600000000 0a 00000000 2900"))
         self.assertIn(b"UNIT ATTENTION", self.output("scsi", "decode", "sense"))
