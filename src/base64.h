@@ -13,6 +13,9 @@
 namespace qv
 {
 
+// The number of characters that base64_encode makes of `len` bytes, 0 when an int does not hold it.
+int base64_length(size_t len, int wrap);
+
 // base64_encode and base64_decode by a chosen path. The shuffles need processor_shuffle; where they were not
 // built, the choice makes no difference.
 int base64_encode_by(bool shuffles, const uint8_t *in, char *out, size_t len, int wrap);

@@ -4,8 +4,8 @@
  * step. V. Gopal et al., "Fast CRC Computation for iSCSI Polynomial Using CRC32 Instruction", 2011, and "Fast
  * CRC Computation for Generic Polynomials Using PCLMULQDQ Instruction", 2009.
  *
- * Functions that use the instructions carry a target attribute; none of them runs before the processor was
- * asked.
+ * Functions that use the instructions carry a target attribute, or the build gives this file alone the
+ * instructions; none of them runs before the processor was asked.
  */
 #include "crc32c.h"
 
@@ -21,7 +21,11 @@
 #else
 #include <arm_acle.h>
 #include <arm_neon.h>
+#if defined(__clang__)
+#define WITH_WORDS // its headers declare the instructions only to a source that is built for them as a whole
+#else
 #define WITH_WORDS __attribute__((target("+crc+crypto")))
+#endif
 #endif
 
 namespace

@@ -263,12 +263,19 @@ int base32_decode(const char *in, uint8_t *out, int mode)
     return mode == mode_check && base32_values[index_of(*in)] != sum % 32 ? -1 : 7;
 }
 
+int qv::base64_length(size_t len, int wrap)
+{
+    if (len > INT_MAX)
+        return 0;
+    const size_t symbols = (len + 2) / 3 * 4, line_feeds = wrap == 0 ? 0 : symbols / 64;
+    return symbols + line_feeds > INT_MAX ? 0 : static_cast<int>(symbols + line_feeds);
+}
+
 int qv::base64_encode_by(bool shuffles, const uint8_t *in, char *out, size_t len, int wrap)
 {
     constexpr size_t groups_per_line = 16;
     const size_t groups = len / 3, rest = len % 3;
-    const size_t symbols = 4 * (groups + (rest != 0));
-    if (in == nullptr || out == nullptr || len > INT_MAX || symbols + symbols / 64 > INT_MAX)
+    if (in == nullptr || out == nullptr || base64_length(len, wrap) == 0)
         return 0;
 
     char *end = out;

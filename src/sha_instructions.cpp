@@ -1,6 +1,7 @@
 /*
  * SHA-1 and SHA-256 by the processor's instructions, four steps at a time. Functions that use them carry a
- * target attribute; none runs before the processor was asked for its features.
+ * target attribute, or the build gives this file alone the instructions; none runs before the processor was
+ * asked for its features.
  */
 #include "digest.h"
 
@@ -13,7 +14,11 @@
 #define WITH_SHA __attribute__((target("sha,ssse3,sse4.1")))
 #else
 #include <arm_neon.h>
+#if defined(__clang__)
+#define WITH_SHA // its headers declare the instructions only to a source that is built for them as a whole
+#else
 #define WITH_SHA __attribute__((target("+crypto")))
+#endif
 #endif
 #define STEP [[gnu::always_inline]] WITH_SHA inline
 

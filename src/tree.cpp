@@ -230,6 +230,15 @@ int list_entries(const tree_node *head, Entry *entries, int capacity, Read read)
     return count;
 }
 
+// A mutex whose owner died is held although an error is told. What it guards may be half changed: no walk.
+bool lock(pthread_mutex_t *mutex)
+{
+    const int error = pthread_mutex_lock(mutex);
+    if (error == EOWNERDEAD)
+        pthread_mutex_unlock(mutex);
+    return error == 0;
+}
+
 struct destroyer {
     void (*item_fn)(void *item);
     tree_node *(*tree_fn)(tree_node *head, void *item);
@@ -329,10 +338,10 @@ void balance_perfectly(tree_node *head)
  * The rebalancing, in four steps that call each other:
  *
  *   update   computes a node's height
- *   fix      updates the node in a link and, when its sides differ by more than 1, promotes its in-order
- * neighbour from the higher side, retraces to the neighbour of that one and refreshes the link refresh  fixes
- * the right link, the left link and then the link itself retrace  fixes every link on the way down to a key,
- * from the last one to the first
+ *   fix      updates the node in a link; when its sides differ by more than 1, promotes its in-order
+ *            neighbour from the higher side, retraces to the neighbour of that one and refreshes the link
+ *   refresh  fixes the right link, the left link and then the link itself
+ *   retrace  fixes every link on the way down to a key, from the last one to the first
  *
  * Calls that are still to be made are kept on a stack of links, each with a mark for refresh; without a mark
  * it is a fix. What a finished refresh leaves has nothing to fix in its link or in the links below, so a fix
@@ -684,7 +693,7 @@ int work_treenode_locked(tree_node **handle, tree_work_fn fn, void *arg, pthread
     auto *copies = static_cast<tree_node *>(calloc(count, sizeof(tree_node)));
     if (copies == nullptr)
         return 0;
-    if (mutex != nullptr && pthread_mutex_lock(mutex) != 0) {
+    if (mutex != nullptr && !lock(mutex)) {
         free(copies);
         return 0;
     }

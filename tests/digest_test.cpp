@@ -312,6 +312,50 @@ TEST(ShaContext, CountsBytesIn64Bits)
     EXPECT_EQ(sha256.length, 1ull << 32);
 }
 
+// Contexts behind whole blocks of a long message: what is left to do is one block of padding, written here by
+// hand.
+TEST(Md5Context, PadsWithBothWordsOfTheLengthTheLowerFirst)
+{
+    md5_ctx ctx, expected;
+    md5_init(&expected);
+    uint8_t block[64] = {0x80}, digest[MD5_DIGEST_SIZE];
+    block[57] = 2;
+    block[60] = 7;
+    qv::md5_blocks(expected.state, block, 1);
+    md5_init(&ctx);
+    ctx.count[0] = 0x200;
+    ctx.count[1] = 7;
+    md5_finish(&ctx, digest);
+    for (size_t i = 0; i < 4; i++)
+        EXPECT_EQ(qv::load_le32(digest + 4 * i), expected.state[i]);
+}
+
+TEST(ShaContext, PadsWithTheLengthInBitsTheHighestByteFirst)
+{
+    constexpr uint64_t length = 0x0123456789abcd40; // in bytes
+    const uint8_t bits[8] = {0x09, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e, 0x6a, 0x00};
+    uint8_t block[64] = {0x80}, digest[SHA256_DIGEST_SIZE];
+    memcpy(block + 56, bits, sizeof(bits));
+
+    sha1_ctx sha1, expected1;
+    sha1_init(&expected1);
+    qv::sha1_blocks(expected1.state, block, 1);
+    sha1_init(&sha1);
+    sha1.length = length;
+    sha1_finish(&sha1, digest);
+    for (size_t i = 0; i < 5; i++)
+        EXPECT_EQ(qv::load_be32(digest + 4 * i), expected1.state[i]);
+
+    sha256_ctx sha256, expected256;
+    sha256_init(&expected256);
+    qv::sha256_blocks(expected256.state, block, 1);
+    sha256_init(&sha256);
+    sha256.length = length;
+    sha256_finish(&sha256, digest);
+    for (size_t i = 0; i < 8; i++)
+        EXPECT_EQ(qv::load_be32(digest + 4 * i), expected256.state[i]);
+}
+
 #if defined(QV_SHA_INSTRUCTIONS)
 TEST(ShaInstructions, LeaveTheStateThatTheLoopsLeave)
 {

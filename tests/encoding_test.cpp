@@ -467,6 +467,16 @@ TEST(Base64Encode, WritesNothingForNullOrAnImpossibleLength)
     EXPECT_EQ(base64_encode(bytes_of("abc"), out, size_t{INT_MAX} / 65 * 48 + 48, 1), 0);
 }
 
+TEST(Base64Encode, CountsLineFeedsAgainstTheLongestOutputOnlyWhenWrapping)
+{
+    constexpr size_t longest = size_t{INT_MAX} / 4 * 3, longest_wrapped = size_t{INT_MAX} / 65 * 48;
+    EXPECT_EQ(qv::base64_length(longest, 0), INT_MAX / 4 * 4);
+    EXPECT_EQ(qv::base64_length(longest + 1, 0), 0);
+    EXPECT_EQ(qv::base64_length(longest_wrapped, 1), INT_MAX / 65 * 65);
+    EXPECT_EQ(qv::base64_length(longest, 1), 0);
+    EXPECT_EQ(qv::base64_length(SIZE_MAX, 0), 0);
+}
+
 TEST(Base64Decode, GivesTheVectorsOfRfc4648)
 {
     for (const bool shuffles : both_paths) {
@@ -838,6 +848,7 @@ TEST(HashStr, StopsBeforeTheNul)
         EXPECT_EQ(hash_str_64(row.text), row.hash64) << row.text;
     }
     EXPECT_EQ(hash_str("\xff\x80"), hash_buf("\xff\x80", 2));
+    EXPECT_EQ(hash_str_64("\xff\x80"), hash_buf_64("\xff\x80", 2));
 }
 
 TEST(HashStr, TakesNullForAnEmptyText)

@@ -8,6 +8,10 @@ add_test(NAME Headers.EachCompilesAloneAsC99AndCxx20
 add_test(NAME Library.ExportsWhatTheVersionScriptLists
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/exports_test.sh $<TARGET_FILE:qvlib> ${QVLIB_MAP}
           ${SANITIZED})
+if(NOT SANITIZED) # sanitizers write beside every table
+  add_test(NAME Library.SharesItsTablesAmongProcesses
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/shared_tables_test.sh $<TARGET_FILE:qvlib_static>)
+endif()
 foreach(document README.md docs/corelink.md docs/containers.md docs/hosting.md)
   string(MAKE_C_IDENTIFIER ${document} name)
   add_test(NAME Samples.Of_${name}_PrintWhatTheySay

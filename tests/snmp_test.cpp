@@ -344,6 +344,16 @@ TEST_F(SnmpTree, PassesOverSiblingsWithEqualTagsTogether)
     EXPECT_EQ(next_leaf(at("s.1.mb")), "s.mu.md");
 }
 
+TEST_F(SnmpTree, NeverGoesBackWhereTagsOccurAgainFurtherOn)
+{
+    read("s={Aa={x=1},c={},Ba={},d={y=2}}");
+    EXPECT_EQ(next_leaf(at("s.Aa.x")), "s.d.y");
+    read("s={Aa={x=1},c={z=1},Ba={y=2},d={z=3}}");
+    EXPECT_EQ(next_leaf(at("s.Ba.y")), "s.d.z");
+    read("s={Aa={x=1},c={},Ba={}}");
+    EXPECT_EQ(next_leaf(at("s.Aa.x")), "(null)");
+}
+
 TEST_F(SnmpTree, TellsElementsWithoutTagsApart)
 {
     read("s={p=[{ma=1},{mb=2},7]}");

@@ -182,6 +182,23 @@ class Walk(ToolTest):
     def test_passes_over_names_that_differ_in_the_first_character_only(self):
         self.assertEqual(self.output("walk", "-", stdin="s={A={x=1},B={x=2},Ca={x=3}}"), b"s.A.x=1\ns.Ca.x=3\n")
 
+    def test_never_goes_back_where_names_occur_again_further_on(self):
+        text = "s={Aa={x=1},c={},Ba={y=2},d={z=3}}"
+        self.assertEqual(self.output("walk", "-", stdin=text), b"s.Aa.x=1\ns.Ba.y=2\ns.d.z=3\n")
+
+    def test_passes_a_hidden_container_that_has_no_leaf(self):
+        self.assertEqual(self.output("walk", "-", stdin="s={ma=1,ma={},mb=2}"), b"s.ma=1\ns.mb=2\n")
+
+    def test_a_leaf_in_a_hidden_container_is_refused(self):
+        self.assertIn('can\'t pass "s.a.x"', self.complaint("walk", "-", stdin="s={a=1,a={x=2},b=3}"))
+        self.assertIn('can\'t pass "s.x"', self.complaint("walk", "-", stdin="s={y=1},s={x=2}"))
+
+    def test_wide_containers(self):
+        count = 20000
+        text = "a=[" + ",".join(["{x=1}"] * count) + "],s={" + ",".join(f"m{i}={{x=1}}" for i in range(count)) + "}"
+        lines = [f"a.{i}.x=1" for i in range(count)] + [f"s.m{i}.x=1" for i in range(count)]
+        self.assertEqual(self.output("walk", "-", stdin=text).decode().splitlines(), lines)
+
     def test_a_missing_path_is_named(self):
         self.assertEqual(self.complaint("walk", "f.cl", "s.q"), "qvl: f.cl: no such path: s.q\n")
 

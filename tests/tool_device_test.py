@@ -108,6 +108,32 @@ class SfpBlocks(ToolTest):
             with self.subTest(form):
                 self.assertEqual(self.output("sfp", "-", stdin=dump(block, form)), expected)
 
+    def test_hex_text_without_offsets_loses_no_byte(self):
+        block = example_bytes("copper")
+        zeros = bytes(4) + block[4:]
+        for content in (block, zeros):
+            self.write("block", content)
+            expected = self.output("sfp", "block")
+            words = [content[at : at + 4].hex() for at in range(0, len(content), 4)]
+            for name, text in [
+                ("colons", content.hex(":")),
+                ("a word a line", "\n".join(words)),
+                ("two words a line", "".join(f"{a}  {b}\n" for a, b in zip(words[::2], words[1::2]))),
+                ("CR LF", "\r\n".join(words)),
+            ]:
+                with self.subTest(name):
+                    self.assertEqual(self.output("sfp", "-", stdin=text), expected)
+
+    def test_a_dump_may_end_its_lines_with_cr_lf(self):
+        block = example_bytes("copper")
+        expected = self.output("sfp", example("copper"))
+        for form in ("ethtool", "i2cdump", "xxd", "hexdump"):
+            with self.subTest(form):
+                text = dump(block, form).replace("\n", "\r\n")
+                self.assertEqual(self.output("sfp", "-", stdin=text), expected)
+                text = dump(block[:80], form).replace("\n", "\r\n")
+                self.assertIn("<stdin>: 80 bytes;", self.complaint("sfp", "-", stdin=text))
+
     def test_quotes_of_a_vendor_do_not_break_the_report(self):
         block = bytearray(example_bytes("copper"))
         block[20:24] = b'a"\\\xff'
@@ -240,6 +266,16 @@ class SenseData(ToolTest):
     def test_data_that_is_cut_off(self):
         told = self.decode("72 06 29 00 00 00 00 0c 00 0a 80")
         self.assertEqual(told["Note"], "cut off: 11 of 20 bytes")
+
+    def test_a_descriptor_that_runs_over_the_end(self):
+        for last in ("00 0a 80 00", "03 02 00 05 80"):
+            told = self.decode(f"72 06 29 00 00 00 00 0{len(last.split())} " + last)
+            self.assertEqual(told["Note"], "the last descriptor ends behind the sense data")
+
+    def test_many_descriptors_fit_one_screen(self):
+        told = self.output("scsi", "decode", "-", stdin="72 06 29 00 80 00 00 f9" + 124 * "80 00" + "80").decode()
+        self.assertLess(len(told.splitlines()), 24)
+        self.assertIn("More descriptors    108\n", told)
 
     def test_binary(self):
         self.write("sense", bytes.fromhex("70000600000000 0a 00000000 2900"))

@@ -508,6 +508,28 @@ TEST_F(Walk, AnswersZeroWhenTheMutexCannotBeTaken)
     pthread_mutexattr_destroy(&attributes);
 }
 
+TEST_F(Walk, GivesBackAMutexWhoseOwnerHasDied)
+{
+    plain_tree tree({1});
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    pthread_mutex_t orphaned;
+    pthread_mutex_init(&orphaned, &attributes);
+    pthread_t owner;
+    auto take = [](void *taken) -> void * {
+        pthread_mutex_lock(static_cast<pthread_mutex_t *>(taken));
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&owner, nullptr, take, &orphaned), 0);
+    pthread_join(owner, nullptr);
+    EXPECT_EQ(work_treenode_locked(&tree.handle, visit, nullptr, &orphaned), 0);
+    EXPECT_TRUE(visited.empty());
+    EXPECT_EQ(pthread_mutex_trylock(&orphaned), ENOTRECOVERABLE); // EBUSY were it still held
+    pthread_mutex_destroy(&orphaned);
+    pthread_mutexattr_destroy(&attributes);
+}
+
 TEST_F(Walk, HoldsTheMutexForTheCopyAlone)
 {
     static pthread_mutex_t *held;

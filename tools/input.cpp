@@ -120,14 +120,31 @@ class hex_reader
         return end - at_;
     }
 
-    // "0x0010:", "10:", and the eight digits and two blanks of hexdump -C. Returns whether there was one.
+    bool is_blank_from(std::size_t at) const
+    {
+        return text_.find_first_not_of(" \t\r", at) >= end_;
+    }
+
+    // The eight digits of hexdump -C, before two blanks and a byte or, behind its last byte, alone. Eight
+    // digits elsewhere are four bytes.
+    bool ends_bare_offset(std::size_t after) const
+    {
+        if (is_blank_from(after))
+            return has_offsets_;
+        return text_.substr(after, 2) == "  " && after + 4 <= end_ && is_hex(text_[after + 2]) &&
+               is_hex(text_[after + 3]) && (after + 4 == end_ || is_blank(text_[after + 4]));
+    }
+
+    // "0x0010: ", "10: ", and what ends_bare_offset takes; "00:04" is two bytes. Returns whether there was
+    // one.
     bool take_offset()
     {
         const std::size_t start = at_;
         skip_prefix();
         const std::size_t count = digits_here(), after = at_ + count;
-        const bool colon = after < end_ && text_[after] == ':';
-        const bool bare = count == 8 && (after == end_ || text_.substr(after, 2) == "  ");
+        const bool colon =
+            after < end_ && text_[after] == ':' && (after + 1 == end_ || is_blank(text_[after + 1]));
+        const bool bare = count == 8 && ends_bare_offset(after);
         if (count == 0 || count > 8 || (!colon && !bare)) {
             at_ = start;
             return false;
@@ -137,6 +154,7 @@ class hex_reader
             refuse(start, "offset " + std::to_string(offset) + " where byte " +
                               std::to_string(bytes_.size()) + " is expected");
         at_ = after + colon;
+        has_offsets_ = true;
         return true;
     }
 
@@ -175,6 +193,7 @@ class hex_reader
     const std::string &name_;
     std::string_view text_;
     std::size_t at_ = 0, end_ = 0;
+    bool has_offsets_ = false;
     std::vector<unsigned char> bytes_;
 };
 

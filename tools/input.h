@@ -19,9 +19,9 @@ std::string read_input(const std::string &path, std::size_t longest);
 // Reads bytes from `path`: binary, or hex text as parse_hex takes it. A text has printable characters only.
 std::vector<unsigned char> read_bytes(const std::string &path);
 
-// Reads hex text: digits in pairs, with or without blanks between the bytes, "0x" in front of them and
-// comments from "#" on; or the lines that `ethtool -m ... hex on`, `i2cdump`, `xxd` and `hexdump -C` print,
-// whose offsets must count up from 0. Throws failure with a position.
+// Reads hex text: digits in pairs, with or without blanks, commas or colons between the bytes, "0x" in front
+// of them and comments from "#" on; or the lines that `ethtool -m ... hex on`, `i2cdump`, `xxd` and `hexdump
+// -C` print, whose offsets must count up from 0. Throws failure with a position.
 std::vector<unsigned char> parse_hex(const std::string &name, std::string_view text);
 
 } // namespace qvl

@@ -13,12 +13,12 @@
 #include <new>
 #include <string>
 #include <unistd.h>
-#include <unordered_set>
 #include <vector>
 #include <qvlib/memcheck.h>
 #include "device_commands.h"
 #include "document.h"
 #include "failure.h"
+#include "leaf_walk.h"
 #include "message_commands.h"
 #include "output.h"
 #include "writers.h"
@@ -177,73 +177,16 @@ std::string path_text(const clparse_node *node)
     return take_text(clparse_build_path(node));
 }
 
-// The leaves that get-next steps reach, one a line. A step names its leaf by a path, which must lead back to
-// it.
-class leaf_walk
-{
-  public:
-    explicit leaf_walk(const document &read) : read_(read)
-    {
-    }
-
-    // Lists from a node on, up to the end of the member of the document that it is in.
-    void list_from(clparse_node *node)
-    {
-        // Steps can't begin at a member of the document itself: the root's children are not theirs.
-        while (is_container(node) && node->parent == read_.root()) {
-            clparse_node *sentinel = node->value.children;
-            if (sentinel->next == sentinel)
-                return;
-            node = sentinel->next;
-        }
-        if (!is_container(node))
-            append(node, path_text(node));
-        while (char *next = build_path_next_leaf(node)) {
-            const std::string path = take_text(next);
-            node = clparse_get_node(read_.head.get(), path.c_str());
-            if (node == nullptr || !visited_.insert(node).second)
-                throw plain_failure(read_.name + ": the walk can't pass \"" + path +
-                                    "\": another member has the same name");
-            append(node, path);
-        }
-    }
-
-    const std::string &text() const
-    {
-        return text_;
-    }
-
-  private:
-    void append(const clparse_node *leaf, const std::string &path)
-    {
-        visited_.insert(leaf);
-        text_ += path;
-        if (leaf->type != CLPARSE_TYPE_NULL)
-            text_ += "=" + to_corelink(leaf, layout::compact);
-        text_ += "\n";
-    }
-
-    const document &read_;
-    std::string text_;
-    std::unordered_set<const clparse_node *> visited_;
-};
-
 int run_walk(const walk_options &options)
 {
     const document read = read_document(options.file);
-    leaf_walk walk(read);
+    const clparse_node *from = read.root();
     if (!options.path.empty()) {
-        clparse_node *node = clparse_get_node(read.head.get(), options.path.c_str());
-        if (node == nullptr)
+        from = clparse_get_node(read.head.get(), options.path.c_str());
+        if (from == nullptr)
             throw plain_failure(read.name + ": no such path: " + options.path);
-        walk.list_from(node);
-    } else {
-        clparse_node *sentinel = read.root()->value.children;
-        for (clparse_node *member = sentinel->next; member != sentinel; member = member->next)
-            if (is_container(member))
-                walk.list_from(member);
     }
-    write_output(options.output, walk.text());
+    write_output(options.output, list_leaves(read, from));
     return success;
 }
 

@@ -29,6 +29,8 @@ class quiet_terminal
   public:
     quiet_terminal()
     {
+        if (tcgetattr(STDIN_FILENO, &modes_) != 0)
+            throw plain_failure(std::string("<stdin>: ") + strerror(errno));
         sigset_t held;
         sigemptyset(&held);
         sigaddset(&held, SIGTSTP); // the terminal would stay quiet while the program is stopped
@@ -41,20 +43,19 @@ class quiet_terminal
             sigaction(ending[i], &note, &actions_[i]);
         caught = 0;
 
-        tcgetattr(STDIN_FILENO, &modes_);
         struct termios quiet = modes_;
         quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         quiet.c_lflag |= ECHONL;
-        tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+        if (tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet) != 0) {
+            const int cause = errno;
+            give_signals_back();
+            throw plain_failure(std::string("<stdin>: the echo can't be turned off: ") + strerror(cause));
+        }
     }
     ~quiet_terminal()
     {
         tcsetattr(STDIN_FILENO, TCSANOW, &modes_);
-        for (std::size_t i = 0; i < std::size(ending); i++)
-            sigaction(ending[i], &actions_[i], nullptr);
-        if (caught != 0)
-            raise(caught);
-        sigprocmask(SIG_SETMASK, &mask_, nullptr);
+        give_signals_back();
     }
     quiet_terminal(const quiet_terminal &) = delete;
     quiet_terminal &operator=(const quiet_terminal &) = delete;
@@ -72,6 +73,16 @@ class quiet_terminal
 
   private:
     static constexpr int ending[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+
+    void give_signals_back() const
+    {
+        for (std::size_t i = 0; i < std::size(ending); i++)
+            sigaction(ending[i], &actions_[i], nullptr);
+        if (caught != 0)
+            raise(caught);
+        sigprocmask(SIG_SETMASK, &mask_, nullptr);
+    }
+
     sigset_t mask_;
     struct termios modes_;
     struct sigaction actions_[std::size(ending)];

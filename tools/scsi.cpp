@@ -17,6 +17,8 @@ namespace
 
 using bytes = std::span<const unsigned char>;
 
+constexpr std::size_t shown_descriptors = 16; // what fits one screen
+
 std::string hex(std::uint64_t value, int digits)
 {
     char text[32];
@@ -200,14 +202,20 @@ std::string explain_descriptors(const std::vector<unsigned char> &data)
                        describe_code(data[2], data[3]);
     if (data[4] & 0x80)
         text += line("Flags", "sense data overflow");
-    for (bytes rest = valid_part(data).subspan(8); rest.size() >= 2;) {
+    bytes rest = valid_part(data).subspan(8);
+    std::size_t count = 0;
+    while (rest.size() >= 2 && rest.size() - 2 >= rest[1]) {
         const std::size_t length = std::size_t{2} + rest[1];
-        if (length > rest.size())
-            break;
-        text += explain_descriptor(key, rest.first(length));
+        if (count++ < shown_descriptors)
+            text += explain_descriptor(key, rest.first(length));
         rest = rest.subspan(length);
     }
-    return text + describe_cut(data);
+    if (count > shown_descriptors)
+        text += line("More descriptors", std::to_string(count - shown_descriptors));
+    const std::string cut = describe_cut(data);
+    if (cut.empty() && !rest.empty())
+        text += line("Note", "the last descriptor ends behind the sense data");
+    return text + cut;
 }
 
 } // namespace

@@ -5,10 +5,9 @@
  * fields are not used. What only reads a tree works on each of them. A tree is changed by one family only,
  * from its first node to its last:
  *
- *   generic_*  the caller allocates and frees the nodes and the head; the shape follows the order of
- * insertion avl_*      the functions allocate and free nodes and head; for small sets in random order, see
- * avl_create_node rb_*       the functions allocate and free nodes and head; for all else, sorted keys and
- * large sets included
+ *   generic_*  nodes and head are the caller's; the shape follows the order of insertion
+ *   avl_*      nodes and head are the functions'; for small sets in random order, see avl_create_node
+ *   rb_*       nodes and head are the functions'; for all else, sorted keys and large sets included
  *
  * Keys are ordered by key_hi, then key_lo. Equal keys never coexist. In arguments and outputs a key is one
  * number in host order: (uint64_t)key_hi << 32 | key_lo.
@@ -50,8 +49,7 @@ typedef struct tree_node {
  */
 typedef int (*tree_work_fn)(tree_node **handle, void *item, void *arg);
 
-/* ---- Reading: any tree; no change meanwhile
- * ---------------------------------------------------------------- */
+/* ---- Reading: any tree; no change meanwhile ------------------------------------------------------------ */
 
 /*
  * Finds a node. O(h).
@@ -88,8 +86,7 @@ int count_nodes(tree_node *head);
 int get_node_list(tree_node *head, uint64_t *keys, int capacity);
 int get_node_list_data(tree_node *head, void **items, int capacity);
 
-/* ---- Plain trees: exclusive use
- * ---------------------------------------------------------------------------- */
+/* ---- Plain trees: exclusive use ------------------------------------------------------------------------ */
 
 /*
  * Links a node whose key and item are set and whose links are NULL. O(h).
@@ -105,8 +102,7 @@ int generic_insert_node(tree_node *head, tree_node *node);
  */
 void generic_remove_node(tree_node **link);
 
-/* ---- Walks
- * ------------------------------------------------------------------------------------------------- */
+/* ---- Walks --------------------------------------------------------------------------------------------- */
 
 /*
  * Calls fn for every non-NULL item of a tree, in post-order, on a copy: callbacks may insert, remove and free
@@ -120,7 +116,8 @@ void generic_remove_node(tree_node **link);
  * while the count runs: let their memory outlive the walk, or hold off what frees them.
  *
  * Returns the bitwise OR of the results; 0 for an empty tree, and when the copy cannot be allocated or the
- * mutex not be locked. Threads: the caller must not hold the mutex.
+ * mutex not be locked. A robust mutex whose owner has died counts as not locked; it is given back as it is,
+ * which makes it unusable for good. Threads: the caller must not hold the mutex.
  */
 int work_treenode_locked(tree_node **handle, tree_work_fn fn, void *arg, pthread_mutex_t *mutex);
 
@@ -140,8 +137,7 @@ int work_treenode(tree_node **handle, tree_work_fn fn, void *arg);
 int tree_destroy(tree_node **handle, void (*item_fn)(void *item),
                  tree_node *(*tree_fn)(tree_node *head, void *item));
 
-/* ---- AVL trees: exclusive use
- * ------------------------------------------------------------------------------ */
+/* ---- AVL trees: exclusive use -------------------------------------------------------------------------- */
 
 /*
  * Adds an item. The nodes' `word` is their height as last computed, 1 for a leaf.
@@ -168,8 +164,7 @@ tree_node *avl_create_node(tree_node *head, uint64_t key, void *item);
  */
 tree_node *avl_delete_node(tree_node *head, uint64_t key);
 
-/* ---- Red-black trees: exclusive use
- * ------------------------------------------------------------------------ */
+/* ---- Red-black trees: exclusive use -------------------------------------------------------------------- */
 
 /*
  * Adds an item. O(log n). A present key keeps its first item.

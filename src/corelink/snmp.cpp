@@ -60,27 +60,32 @@ int snmp_found_action(clparse_node *target, clparse_node *source)
     return clparse_dfl_found_action(target, source);
 }
 
-// Whether a child of a list stands for the container that is left. Elements without a tag stand for
-// themselves alone.
-bool stands_for(const clparse_node *child, const clparse_node *left)
+// The child of a list that a walk leaves: `left` itself, or, as an expansion is in no list of its parent, the
+// first child with its tag. Null when there is none.
+clparse_node *child_left(const clparse_node *container, const clparse_node *left)
 {
-    return child == left || marked_alike(child->tag, left->tag);
+    clparse_node *first_alike = nullptr;
+    for (clparse_node *child = first_child(container); child; child = next_child(container, child)) {
+        if (child == left)
+            return child;
+        if (!first_alike && marked_alike(child->tag, left->tag))
+            first_alike = child;
+    }
+    return first_alike;
 }
 
-// The first child behind those that stand for `left`, or null. It is found by the tag, not by the links of
-// `left`: an expansion is in no list of its parent.
+// The first child behind the one that is left whose tag differs, or null. It never lies before `left`, also
+// where tags occur again: a walk that goes back would not end.
 clparse_node *child_after(const clparse_node *container, const clparse_node *left)
 {
     if (!has_children_list(container))
         return nullptr;
-    bool passed = false;
-    for (clparse_node *child = first_child(container); child; child = next_child(container, child)) {
-        const bool same = stands_for(child, left);
-        if (passed && !same)
-            return child;
-        passed = passed || same;
-    }
-    return nullptr;
+    clparse_node *child = child_left(container, left);
+    if (child)
+        child = next_child(container, child);
+    while (child && marked_alike(child->tag, left->tag))
+        child = next_child(container, child);
+    return child;
 }
 
 // The next node in a leaf's list, or null. An expansion is in no list or in one of its owner, not in that of
