@@ -9,7 +9,10 @@ import unittest
 
 from tool_process import QVL, SOURCE, ToolTest
 
-COMMANDS = ("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c", "ssha")
+COMMANDS = (
+    *("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c", "ssha"),
+    *("send", "listen", "ask"),
+)
 
 
 class Get(ToolTest):
@@ -292,12 +295,17 @@ class Completion(ToolTest):
     def test_options_are_those_of_the_help(self):
         for command in COMMANDS:
             with self.subTest(command):
-                options = re.findall(r"(?m)^  (?:-\w,)?(--[a-z-]+)", self.output(command, "--help").decode())
+                options = re.findall(r"(?m)^  (?:-\w,)?(--[a-z0-9-]+)", self.output(command, "--help").decode())
                 self.assertEqual(sorted(self.complete(f"qvl {command} -")), sorted(options))
 
     def test_files(self):
         self.assertEqual(self.complete("qvl json f"), ["f.cl"])
         self.assertEqual(self.complete("qvl json -o f"), ["f.cl"])
+
+    def test_types_of_messages(self):
+        self.assertEqual(self.complete("qvl send --type "), ["query", "update", "insert"])
+        self.assertEqual(self.complete("qvl send 9000 f"), ["f.cl"])
+        self.assertEqual(self.complete("qvl ask 9000 f"), [])
 
     def test_paths_of_the_document(self):
         self.assertEqual(self.complete("qvl get f.cl u"), ["unit."])
@@ -332,7 +340,7 @@ class ManualPage(ToolTest):
             page = file.read().replace("\\-", "-")
         for command in COMMANDS:
             self.assertIn(command, page)
-            for option in re.findall(r"--[a-z-]+", self.output(command, "--help").decode()):
+            for option in re.findall(r"--[a-z0-9-]+", self.output(command, "--help").decode()):
                 self.assertIn(option, page)
 
 

@@ -150,6 +150,18 @@ std::string shown(std::string_view bytes)
     return text;
 }
 
+std::string printable(std::string_view bytes)
+{
+    std::string text;
+    while (!bytes.empty()) {
+        const bool plain = bytes[0] == '\n' || bytes[0] == '\t';
+        const cell one = plain ? cell{std::string(1, bytes[0]), 1, 1} : next_cell(bytes);
+        text += one.text;
+        bytes.remove_prefix(one.bytes);
+    }
+    return text;
+}
+
 void report(const failure &fault)
 {
     const bool colour = wants_colour();

@@ -30,6 +30,9 @@ std::string place_in_words(std::string_view content, std::size_t offset);
 // long text left out.
 std::string shown(std::string_view bytes);
 
+// Returns the whole of `bytes` fit for a terminal, its line feeds and tabs as they are.
+std::string printable(std::string_view bytes);
+
 // Writes the fault to standard error, in colour when that is a terminal that wants it.
 void report(const failure &fault);
 

@@ -1,6 +1,8 @@
-// qvl: reads corelink documents and writes, queries, merges and checks them; explains what devices hand out.
+// qvl: reads corelink documents and writes, queries, merges and checks them; explains what devices hand out;
+// talks to daemons.
 //
-// Every subcommand reads all of its input and builds all of its output before the first byte is written.
+// Every subcommand but listen, which never ends by itself, reads all of its input and builds all of its
+// output before the first byte is written.
 #include <CLI/CLI.hpp>
 
 #include <cerrno>
@@ -17,6 +19,7 @@
 #include "document.h"
 #include "failure.h"
 #include "leaf_walk.h"
+#include "message_commands.h"
 #include "output.h"
 #include "writers.h"
 
@@ -406,7 +409,8 @@ void keep_standard_descriptors()
 int run(int argc, char **argv)
 {
     CLI::App app("Reads documents in the corelink language and writes, queries, merges and checks them.\n"
-                 "Explains transceivers and SCSI codes; makes checksums and salted passwords.",
+                 "Explains transceivers and SCSI codes; makes checksums and salted passwords.\n"
+                 "Sends messages to daemons, asks them, and shows what is sent.",
                  "qvl");
     app.set_version_flag("-V,--version", "qvl " QVL_VERSION, "Print the version and exit");
     app.require_subcommand(1);
@@ -430,8 +434,9 @@ int run(int argc, char **argv)
     add_walk(app, walk);
     add_merge(app, merge);
     add_check(app, files);
-    std::function<int()> run_device_command;
-    const auto device_options = add_device_commands(app, run_device_command);
+    std::function<int()> run_command;
+    const auto device_options = add_device_commands(app, run_command);
+    const auto message_options = add_message_commands(app, run_command);
 
     try {
         app.parse(argc, argv);
@@ -452,8 +457,8 @@ int run(int argc, char **argv)
         return usage_fault;
     }
 
-    if (run_device_command)
-        return run_device_command();
+    if (run_command)
+        return run_command();
     for (const writer_command &row : writer_commands) {
         if (app.got_subcommand(row.name))
             return run_writer(row.wanted, writer);

@@ -2,7 +2,7 @@
 
 _qvl()
 {
-    local commands='json xml corelink paths get walk merge check sfp scsi crc32c ssha'
+    local commands='json xml corelink paths get walk merge check sfp scsi crc32c ssha send listen ask'
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
     local command='' options='' i
     COMPREPLY=()
@@ -25,6 +25,9 @@ _qvl()
     walk) options='--output --help' ;;
     merge) options='--update --insert --insert-sort --select --json --xml --pretty --output --help' ;;
     sfp) options='--json --table --output --help' ;;
+    send) options='--type --param1 --name --help' ;;
+    listen) options='--json --count --help' ;;
+    ask) options='--update --insert --json --timeout --help' ;;
     check | scsi | crc32c | ssha) options='--help' ;;
     esac
 
@@ -36,7 +39,11 @@ _qvl()
     fi
 
     compopt -o filenames 2>/dev/null
-    if [[ $previous == --root ]]; then
+    if [[ $command == send && $previous == @(-t|--type) ]]; then
+        mapfile -t COMPREPLY < <(compgen -W 'query update insert' -- "$word")
+    elif [[ $previous == --root || ($word != -* && $command == @(listen|ask)) ]]; then
+        return # a number or a text of the user's own
+    elif [[ $command == send && $previous == @(--param1|--name) ]]; then
         return
     elif [[ $word == -* && $previous != -o && $previous != --output ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$word")

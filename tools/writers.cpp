@@ -348,6 +348,13 @@ std::string to_json(const clparse_node *node, layout lines)
     return json_writer(lines).write(node);
 }
 
+std::string to_json_string(std::string_view bytes)
+{
+    std::string text;
+    append_json_string(text, bytes);
+    return text;
+}
+
 std::string to_corelink(const clparse_node *node, layout lines)
 {
     return corelink_writer(lines).write(node);

@@ -4,6 +4,7 @@
 #define QVL_WRITERS_H
 
 #include <string>
+#include <string_view>
 #include <qvlib/corelink.h>
 
 namespace qvl
@@ -14,6 +15,9 @@ enum class layout { compact, pretty };
 // Strict JSON (RFC 8259) in UTF-8: a root becomes an object; numbers are unsigned; a byte that is no UTF-8
 // becomes U+FFFD.
 std::string to_json(const clparse_node *node, layout lines);
+
+// A JSON string, quotes and all, of any bytes.
+std::string to_json_string(std::string_view bytes);
 
 // Corelink text: a root becomes a member list. Quotes and backslashes are escaped. A named element of an
 // array, as made by "a=[1], a.x=2", follows the array in that form. Throws failure for what the language
