@@ -6,7 +6,10 @@
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 #include <qvlib/queue.h>
+#include <qvlib/reference.h>
 #include <qvlib/scanner.h>
+#include <qvlib/socket.h>
 #include <qvlib/strings.h>
+#include <qvlib/transport.h>
 
 #endif

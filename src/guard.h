@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <pthread.h>
+#include <unistd.h>
 #include <utility>
 #include <qvlib/memcheck.h>
 
@@ -52,6 +53,55 @@ class mutex_guard
 
   private:
     pthread_mutex_t *mutex_;
+};
+
+// Holds a descriptor; negative means none.
+class fd_guard
+{
+  public:
+    explicit fd_guard(int fd) : fd_(fd)
+    {
+    }
+    ~fd_guard()
+    {
+        if (fd_ >= 0) {
+            const int kept = errno;
+            close(fd_);
+            errno = kept;
+        }
+    }
+    fd_guard(const fd_guard &) = delete;
+    fd_guard &operator=(const fd_guard &) = delete;
+
+    int get() const
+    {
+        return fd_;
+    }
+    int release()
+    {
+        return std::exchange(fd_, -1);
+    }
+
+  private:
+    int fd_;
+};
+
+// Holds errno over what may change it.
+class errno_guard
+{
+  public:
+    errno_guard() : kept_(errno)
+    {
+    }
+    ~errno_guard()
+    {
+        errno = kept_;
+    }
+    errno_guard(const errno_guard &) = delete;
+    errno_guard &operator=(const errno_guard &) = delete;
+
+  private:
+    int kept_;
 };
 
 // Holds a tracked block; `where` is the call site that its release is reported under.

@@ -2,6 +2,7 @@
 # Holds the built library against its export list, in both directions, and checks its name and what it needs.
 #   exports_test.sh LIBRARY VERSION_SCRIPT [sanitized]
 set -eu
+export LC_ALL=C
 library=$1
 script=$2
 work=$(mktemp -d)
@@ -17,7 +18,7 @@ fail()
 sed -e 's/#.*//' -e '/local:/,$d' -e 's/.*{//' -e 's/global://' "$script" | tr ';' '\n' | tr -d ' \t' |
     grep . | sort > "$work/listed"
 nm -D --defined-only --with-symbol-versions "$library" | awk '$2 != "A" { print $3 }' | sort > "$work/versioned"
-sed 's/@.*//' "$work/versioned" > "$work/exported"
+sed 's/@.*//' "$work/versioned" | sort > "$work/exported"
 
 [ -s "$work/listed" ] || fail "no names in $script"
 for name in $(comm -23 "$work/listed" "$work/exported"); do fail "$name is listed but not exported"; done

@@ -2,6 +2,7 @@
 #ifndef QVLIB_TESTS_FAILING_CALLOC_H
 #define QVLIB_TESTS_FAILING_CALLOC_H
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 
@@ -39,6 +40,7 @@ inline __attribute__((used)) void *__wrap_calloc(size_t count, size_t size)
     using namespace failing_calloc;
     if (successes_left == 0) {
         successes_left = -1;
+        errno = ENOMEM;
         return nullptr;
     }
     if (successes_left > 0)

@@ -6,9 +6,9 @@ add_test(NAME Headers.EachCompilesAloneAsC99AndCxx20
   COMMAND ${CMAKE_COMMAND} -DCC=${CMAKE_C_COMPILER} -DCXX=${CMAKE_CXX_COMPILER}
           -DINCLUDE=${PROJECT_SOURCE_DIR}/include -P ${CMAKE_CURRENT_SOURCE_DIR}/headers_test.cmake)
 add_test(NAME Library.ExportsWhatTheVersionScriptLists
-  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/exports_test.sh $<TARGET_FILE:qvlib> ${PROJECT_SOURCE_DIR}/src/qvlib.map
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/exports_test.sh $<TARGET_FILE:qvlib> ${QVLIB_MAP}
           ${SANITIZED})
-foreach(document README.md docs/corelink.md)
+foreach(document README.md docs/corelink.md docs/hosting.md)
   string(MAKE_C_IDENTIFIER ${document} name)
   add_test(NAME Samples.Of_${name}_PrintWhatTheySay
     COMMAND ${CMAKE_COMMAND} -DDOCUMENT=${PROJECT_SOURCE_DIR}/${document} -DCC=${CMAKE_C_COMPILER}
