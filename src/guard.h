@@ -86,24 +86,6 @@ class fd_guard
     int fd_;
 };
 
-// Holds errno over what may change it.
-class errno_guard
-{
-  public:
-    errno_guard() : kept_(errno)
-    {
-    }
-    ~errno_guard()
-    {
-        errno = kept_;
-    }
-    errno_guard(const errno_guard &) = delete;
-    errno_guard &operator=(const errno_guard &) = delete;
-
-  private:
-    int kept_;
-};
-
 // Holds a tracked block; `where` is the call site that its release is reported under.
 template <class T> class tracked_guard
 {
