@@ -10,6 +10,7 @@
 #include <qvlib/scanner.h>
 #include <qvlib/socket.h>
 #include <qvlib/strings.h>
+#include <qvlib/telnet_log.h>
 #include <qvlib/transport.h>
 
 #endif
