@@ -5,10 +5,11 @@
 // sides alike.
 
 #include <algorithm>
-#include <array>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -39,61 +40,60 @@ double median(std::vector<double> values)
 
 // ---- Without a memory debugger
 
-constexpr size_t live = 64;
-constexpr int rounds_per_burst = 200;
+constexpr size_t blocks_per_burst = 12800;
 
-// What both sides call, so that the compiler knows neither.
-void *(*volatile plain_malloc)(size_t) = malloc;
-void (*volatile plain_free)(void *) = free;
+// Sizes of a tree's records, tags and values, and of what programs keep beside it.
+constexpr size_t mixed_sizes[] = {72, 12, 72, 9, 72, 16, 40, 200, 72, 24, 72, 2000};
 
-double plain_burst(size_t size)
+size_t size_of(size_t fixed, size_t i)
 {
-    std::array<void *, live> blocks;
+    return fixed != 0 ? fixed : mixed_sizes[i % std::size(mixed_sizes)];
+}
+
+template <class Allocate, class Release>
+double burst(size_t size, std::vector<void *> &blocks, Allocate allocate, Release release)
+{
     const double start = now();
-    for (int round = 0; round < rounds_per_burst; round++) {
-        for (void *&block : blocks)
-            block = plain_malloc(size);
+    for (size_t done = 0; done < blocks_per_burst; done += blocks.size()) {
+        for (size_t i = 0; i < blocks.size(); i++) {
+            blocks[i] = allocate(size_of(size, i));
+            benchmark::DoNotOptimize(blocks[i]);
+        }
         for (void *block : blocks)
-            plain_free(block);
+            release(block);
     }
     return now() - start;
 }
 
-double tracked_burst(size_t size)
-{
-    std::array<void *, live> blocks;
-    const double start = now();
-    for (int round = 0; round < rounds_per_burst; round++) {
-        for (void *&block : blocks)
-            block = qv_memcheck_malloc(plain_malloc, size, "tracked_burst", 1);
-        for (void *block : blocks)
-            qv_memcheck_free(plain_free, block, "bench");
-    }
-    return now() - start;
-}
-
+// bytes 0 is the mixture; live is the number of blocks that are made before the first is released.
 void WithoutSession(benchmark::State &state)
 {
     const auto size = static_cast<size_t>(state.range(0));
+    std::vector<void *> blocks(static_cast<size_t>(state.range(1)));
     std::vector<double> ratios, plain_times, tracked_times;
     for (auto _ : state) {
-        const double plain = plain_burst(size), tracked = tracked_burst(size);
+        const double plain = burst(size, blocks, malloc, free);
+        const double tracked = burst(
+            size, blocks, [](size_t bytes) { return qv_memcheck_malloc(malloc, bytes, "burst", 1); },
+            [](void *block) { qv_memcheck_free(free, block, "bench"); });
         state.SetIterationTime(tracked);
         ratios.push_back(tracked / plain);
         plain_times.push_back(plain);
         tracked_times.push_back(tracked);
     }
-    constexpr double pairs = double{rounds_per_burst} * live;
+    const double pairs = std::ceil(double{blocks_per_burst} / static_cast<double>(blocks.size())) *
+                         static_cast<double>(blocks.size());
     state.counters["plain_ns"] = median(plain_times) / pairs * 1e9;
     state.counters["tracked_ns"] = median(tracked_times) / pairs * 1e9;
     state.counters["ratio"] = median(ratios);
 }
 BENCHMARK(WithoutSession)
-    ->ArgName("bytes")
-    ->Arg(24)
-    ->Arg(200)
-    ->Arg(2000)
-    ->Arg(20000)
+    ->ArgNames({"bytes", "live"})
+    ->Args({24, 64})
+    ->Args({200, 64})
+    ->Args({2000, 64})
+    ->Args({0, 64})
+    ->Args({0, 6400})
     ->UseManualTime()
     ->Iterations(500);
 
