@@ -40,6 +40,7 @@ constexpr int separator_line = 33;
 constexpr size_t host_size = 128;
 constexpr uint32_t stop_grace_ms = 40; // for what stopping itself prints
 constexpr int signals_before_shutdown = 20;
+constexpr int blocks_per_turn = 32; // that are looked at before another thread gets the table
 
 void pause_shortly(long microseconds)
 {
@@ -88,15 +89,17 @@ alloc_record *block_of_pass(memdebug_session *session)
 enum class pause_reason { none, wanted, damage };
 
 // Goes on with the pass until it is at its end, somebody waits for the table, or a damaged block was found.
+// The pass of a stop waits for nobody.
 pause_reason check_blocks(memdebug_session *session)
 {
-    while (alloc_record *record = block_of_pass(session)) {
+    for (int looked_at = 1; alloc_record *record = block_of_pass(session); looked_at++) {
         session->scan_block = record->next;
         if (is_damaged(record)) {
             report_damage(session, record);
             return pause_reason::damage;
         }
-        if (session->waiting.load(std::memory_order_relaxed) != 0)
+        if (looked_at >= blocks_per_turn && session->waiting.load(std::memory_order_relaxed) != 0 &&
+            !session->stopping)
             return pause_reason::wanted;
     }
     return pause_reason::none;
@@ -369,7 +372,7 @@ int qv_memcheck_stop(void)
     memdebug_session *session = claim_session();
     if (!session)
         return -1;
-    session->stop_at = clock_ms() + stop_grace_ms;
+    session->stop_at = (clock_ms() + stop_grace_ms) | 1; // 0 would set none
     if (session->has_checker)
         pthread_join(session->display_thread, nullptr);
     log_functions(session);

@@ -728,6 +728,32 @@ TEST_F(MemdebugStop, IsPromptWheneverItComes)
     RecordProperty("longest_microseconds", static_cast<int>(longest * 1e6));
 }
 
+TEST_F(MemdebugStop, IsPromptBesideManyBlocksAndBusyThreads)
+{
+    start();
+    std::vector<void *> blocks;
+    for (int i = 0; i < 50000; i++)
+        blocks.push_back(block_of(12, "many"));
+    std::atomic<bool> done = false;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 8; i++)
+        threads.emplace_back([&] {
+            while (!done)
+                free(block_of(16, "busy")); // never released to the session
+        });
+    peers::sleep_us(100000);
+    const auto began = std::chrono::steady_clock::now();
+    stop();
+    const double elapsed = peers::seconds_since(began);
+    done = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_LT(elapsed, 1);
+    RecordProperty("microseconds", static_cast<int>(elapsed * 1e6));
+    for (void *block : blocks)
+        free(static_cast<char *>(block) - 4);
+}
+
 // Sizes without markers: such a block may outlive its session.
 void use_everything(std::atomic<bool> &done, int number)
 {
