@@ -150,7 +150,7 @@ TEST_F(TelnetLog, CutsATextTo1021Bytes)
 {
     client peer(port_);
     await(feed_, peer);
-    for (size_t length : {1020, 1021, 1022, 5000})
+    for (size_t length : {1020u, 1021u, 1022u, 5000u})
         send(feed_, 7, "%s", std::string(length, 'x').c_str());
     send(feed_, 7, "end");
     std::vector<size_t> lengths;
