@@ -523,23 +523,26 @@ static int run(struct unit *unit, const struct options *options, const sigset_t 
     return unit->failed;
 }
 
+/* Called after each fault that the memory debugger reports; the console tells what it was. */
+static void note_memory_fault(int code)
+{
+    (void)code;
+    qv_log(QV_LOG_ERROR, "the memory debugger found a fault");
+}
+
 static int serve_unit(const struct options *options, const sigset_t *ending)
 {
     struct unit unit = {-1, NULL, pthread_self(), 0};
-#ifdef UNITD_MEMORY_DEBUGGER
-    if (options->console != NULL && qv_memcheck_start(options->console, 0, NULL) != 0) {
+    if (options->console != NULL && qv_memcheck_start(options->console, 0, note_memory_fault) != 0) {
         fprintf(stderr, "unitd: the memory debugger does not start\n");
         return 1;
     }
-#endif
     const int status = run(&unit, options, ending);
     if (unit.fd >= 0)
         close(unit.fd);
     clparse_stop(unit.config);
-#ifdef UNITD_MEMORY_DEBUGGER
     if (options->console != NULL)
         qv_memcheck_stop();
-#endif
     return status;
 }
 
@@ -551,13 +554,8 @@ static int number_of(const char *text, unsigned long limit, unsigned long *numbe
     return text[0] >= '0' && text[0] <= '9' && *end == '\0' && errno == 0 && *number <= limit ? 0 : -1;
 }
 
-#ifdef UNITD_MEMORY_DEBUGGER
 #define OPTION_LETTERS "c:p:t:l:em:h"
 #define CONSOLE_USAGE "  -m PORT   start the memory debugger, with its console on TCP port PORT\n"
-#else
-#define OPTION_LETTERS "c:p:t:l:eh"
-#define CONSOLE_USAGE ""
-#endif
 
 static const char usage[] =
     "Usage: unitd [OPTION...]\n"

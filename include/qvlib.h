@@ -16,6 +16,7 @@
 #include <qvlib/sfp.h>
 #include <qvlib/socket.h>
 #include <qvlib/strings.h>
+#include <qvlib/telnet_log.h>
 #include <qvlib/transport.h>
 #include <qvlib/tree.h>
 

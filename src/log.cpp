@@ -1,5 +1,6 @@
 // Logging. The state is written by qv_log_init, qv_log_exit and qv_log_setlevel and read by every thread that
 // logs; it takes no lock of its own. A console line is put together first, so that it leaves in one piece.
+// Threads that use the feed are counted, so that stopping it can wait until they have left it.
 
 #include <atomic>
 #include <cerrno>
@@ -16,8 +17,10 @@
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 #include <qvlib/strings.h>
+#include <qvlib/telnet_log.h>
 
 #include "guard.h"
+#include "telnet_log.h"
 #include "where.h"
 
 namespace
@@ -31,7 +34,8 @@ struct log_state {
     std::atomic<int32_t> options; // openlog's bits as given; option_console is ours
     FILE *console;                // null means standard error
     std::atomic<uint32_t> sinks;
-    void *tellog; // telnet feed
+    std::atomic<void *> tellog; // telnet feed
+    std::atomic<unsigned int> feed_users;
 };
 
 constinit log_state state = {};
@@ -82,10 +86,38 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
     funlockfile(stream);
 }
 
+QV_PRINTF(2, 0) void write_feed(int level, const char *fmt, va_list ap)
+{
+    if (!state.tellog)
+        return;
+    state.feed_users++; // before the handle is read: whoever empties it looks at the count afterwards
+    if (void *feed = state.tellog) {
+        va_list copy;
+        va_copy(copy, ap);
+        qv_vtellog(feed, level, fmt, copy);
+        va_end(copy);
+    }
+    state.feed_users--;
+}
+
+void stop_feed()
+{
+    void *feed = state.tellog.exchange(nullptr);
+    if (feed)
+        qv::silence_feed(feed);
+    const timespec moment = {0, 100000};
+    while (state.feed_users != 0)
+        nanosleep(&moment, nullptr);
+    tellog_finish(feed);
+}
+
 QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
 {
     const qv::errno_guard unchanged; // failing functions log first and return errno afterwards
-    if (!fmt || level == QV_LOG_TELNET || level > state.level)
+    if (!fmt)
+        return;
+    write_feed(level, fmt, ap);
+    if (level == QV_LOG_TELNET || level > state.level)
         return;
     if (state.options & option_console) {
         va_list copy;
@@ -146,10 +178,11 @@ bool is_printable(unsigned char byte)
 
 void qv_log_init(const char *ident, int level, int options, int facility, unsigned int telnet_port)
 {
-    (void)telnet_port; // the feed is not built in yet, so its handle stays empty
     state.level = level;
     state.options = options;
     state.sinks = 0;
+    if (telnet_port != 0)
+        state.tellog = tellog_start(telnet_port);
 
     struct stat unused;
     if (stat("/dev/log", &unused) != 0) {
@@ -162,8 +195,8 @@ void qv_log_init(const char *ident, int level, int options, int facility, unsign
 
 void qv_log_exit(void)
 {
+    stop_feed();
     closelog();
-    state.tellog = nullptr;
     state.level = 0;
     state.options = 0;
     // The sinks stay as they are: an emergency message still reaches the system log, which reopens itself.

@@ -4,9 +4,12 @@
 // and in an index by user pointer. The functions stand in ascending order of live blocks; a function without
 // live blocks has no record. Records come from the plain allocator, never from the wrappers.
 //
-// Locks: table_lock guards the table, display_lock the console's output, message_lock the scrolling area.
-// Order: table_lock before display_lock, message_lock before both. Nothing is logged or reported while one of
-// them is held, because a report allocates and prints.
+// Locks: table_lock guards the table, display_lock the console's lines, message_lock the scrolling area,
+// client_lock what they are written to. Order: message_lock, table_lock, display_lock, client_lock. Nothing
+// is logged or reported while one of them is held, because a report allocates and prints.
+//
+// Every thread that works on a session is counted from before it reads the session's pointer. Whoever closes
+// the session empties the pointer first and frees nothing until the count has been 0.
 
 #include "memdebug.h"
 
@@ -18,14 +21,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
+#include <limits.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 
 #include "guard.h"
+#include "send_whole.h"
 
 namespace qv
 {
@@ -33,16 +38,21 @@ namespace
 {
 
 std::atomic<memdebug_session *> the_session;
+std::atomic<unsigned int> threads_inside;
+std::atomic<memdebug_session *> closed_sessions; // not freed yet
 
-constexpr uint32_t marker = 0xDEADBEEF;
-constexpr size_t marker_size = sizeof marker;
+constexpr uint32_t leaving_limit_ms = 300;
+constexpr uint32_t client_patience_ms = 2000;
+constexpr int spins = 200;
 constexpr int parking_row = 48;
 constexpr int first_message_line = 34;
+
+void *unregister_block(memdebug_session *session, void *user, const char *where);
 
 // ---- Output
 
 // As write, but the SIGPIPE of a pipe without a reader is held back and taken.
-ssize_t write_to_file(int fd, const char *text, size_t length)
+ssize_t write_without_signal(int fd, const char *text, size_t length)
 {
     sigset_t broken_pipe, mask, pending;
     sigemptyset(&broken_pipe);
@@ -59,18 +69,52 @@ ssize_t write_to_file(int fd, const char *text, size_t length)
     return written;
 }
 
-// A peer that has gone must not end the process, so nothing is written with SIGPIPE.
-ssize_t write_quietly(int fd, const char *text, size_t length)
+// Writes all of a text to a pipe, terminal or file. What poll calls writable takes PIPE_BUF bytes at once.
+bool write_whole(int fd, const char *text, size_t length, send_patience &patience)
 {
-    const ssize_t sent = send(fd, text, length, MSG_NOSIGNAL);
-    return sent < 0 && errno == ENOTSOCK ? write_to_file(fd, text, length) : sent;
+    while (length > 0) {
+        if (!patience.wait_for_room(fd))
+            return false;
+        const ssize_t written = write_without_signal(fd, text, length < PIPE_BUF ? length : PIPE_BUF);
+        if (written < 0 && errno != EINTR && errno != EAGAIN)
+            return false;
+        if (written > 0) {
+            text += written;
+            length -= static_cast<size_t>(written);
+        }
+    }
+    return true;
+}
+
+// A peer that has gone must not end the process, nor one that does not read stop it.
+bool write_quietly(int fd, const char *text, size_t length, send_patience &patience)
+{
+    iovec piece = {const_cast<char *>(text), length};
+    return send_whole(fd, &piece, 1, patience) ||
+           (errno == ENOTSOCK && write_whole(fd, text, length, patience));
+}
+
+void write_to_descriptor(memdebug_session *session, const char *text, size_t length)
+{
+    send_patience patience(session->stop_at, session->output_stuck ? 0 : client_patience_ms);
+    session->output_stuck = false;
+    if (!write_quietly(session->output_fd, text, length, patience)) {
+        session->output_stuck = errno == EAGAIN;
+        session->write_error = errno;
+    }
+}
+
+void unlink_client(console_client *client)
+{
+    client->prev->next = client->next;
+    client->next->prev = client->prev;
 }
 
 void drop_client(memdebug_session *session, console_client *client)
 {
-    client->prev->next = client->next;
-    client->next->prev = client->prev;
+    unlink_client(client);
     close(client->socket);
+    client->socket = -1;
     client->next = session->dropped.load();
     while (!session->dropped.compare_exchange_weak(client->next, client)) {
     }
@@ -80,14 +124,17 @@ void drop_client(memdebug_session *session, console_client *client)
 int put_text(memdebug_session *session, const char *text, int length)
 {
     const errno_guard unchanged;
+    mutex_guard lock(session->client_lock);
+    if (!session->enabled)
+        return length; // the descriptor is the caller's again
     if (session->output_fd >= 1) {
-        if (write_quietly(session->output_fd, text, static_cast<size_t>(length)) < 0)
-            session->write_error = errno;
+        write_to_descriptor(session, text, static_cast<size_t>(length));
         return length;
     }
+    send_patience patience(session->stop_at);
     for (console_client *client = session->clients.next; client != &session->clients;) {
         console_client *following = client->next;
-        if (write_quietly(client->socket, text, static_cast<size_t>(length)) < 0)
+        if (!write_quietly(client->socket, text, static_cast<size_t>(length), patience))
             drop_client(session, client);
         client = following;
     }
@@ -105,41 +152,60 @@ QV_PRINTF(2, 0) int put_formatted(memdebug_session *session, const char *format,
     return result;
 }
 
-QV_PRINTF(2, 3) int put(memdebug_session *session, const char *format, ...)
+// A dropped client's record is told of as one that is not in the table. It stays allocated until the session
+// is freed.
+void report_dropped(memdebug_session *session, console_client *client)
 {
-    va_list ap;
-    va_start(ap, format);
-    const int length = put_formatted(session, format, ap);
-    va_end(ap);
-    return length;
+    unregister_block(session, client, "../src/memdebug:186");
+    mutex_guard lock(session->client_lock);
+    client->next = session->retired;
+    session->retired = client;
 }
 
-// Reports failed output. The caller holds neither table_lock nor display_lock. A report prints too and may
-// fail again: failures during a report are dropped, or it would never end.
-void report_output_failures(memdebug_session *session)
+// A line of the console, which leaves in one piece unless it is very long.
+class line_text
 {
-    if (session->write_error == 0 && session->dropped.load() == nullptr)
-        return;
-    if (session->reporting.exchange(true))
-        return;
-    const errno_guard unchanged;
-    const int error = session->write_error.exchange(0);
-    if (error != 0) {
-        errno = error;
-        qv_errno("%s: stdout failed", "mvprintf");
+  public:
+    explicit line_text(memdebug_session *session) : session_(session)
+    {
     }
-    // Clients are made with the plain allocator, so their release is reported as not found; that line is how
-    // a dropped client shows on the console.
-    for (console_client *client = session->dropped.exchange(nullptr); client;) {
-        console_client *following = client->next;
-        qv_memcheck_free(qv_free, client, "../src/memdebug:186");
-        client = following;
+    QV_PRINTF(2, 3) int add(const char *format, ...)
+    {
+        va_list ap;
+        va_start(ap, format);
+        const int length = add_list(format, ap);
+        va_end(ap);
+        return length;
     }
-    session->write_error = 0;
-    session->reporting = false;
-}
+    // Returns the number of characters, or -1 when they can't be formatted.
+    QV_PRINTF(2, 0) int add_list(const char *format, va_list ap)
+    {
+        va_list copy;
+        va_copy(copy, ap);
+        const size_t room = sizeof text_ - used_;
+        int length = vsnprintf(text_ + used_, room, format, copy);
+        va_end(copy);
+        if (length >= 0 && static_cast<size_t>(length) < room) {
+            used_ += static_cast<size_t>(length);
+            return length;
+        }
+        flush();
+        return put_formatted(session_, format, ap);
+    }
+    void flush()
+    {
+        if (used_ > 0)
+            put_text(session_, text_, static_cast<int>(used_));
+        used_ = 0;
+    }
 
-// The body of gotoline for callers that may hold table_lock: nothing is reported here.
+  private:
+    memdebug_session *session_;
+    size_t used_ = 0;
+    char text_[512];
+};
+
+// The body of gotoline; nothing is reported here.
 QV_PRINTF(3, 0) int put_line(memdebug_session *session, int line, const char *format, va_list ap)
 {
     mutex_guard lock(session->display_lock);
@@ -147,21 +213,15 @@ QV_PRINTF(3, 0) int put_line(memdebug_session *session, int line, const char *fo
         session->max_line = line;
     session->current_line = line;
     const int64_t row = int64_t{line} + 3;
-    int emitted = put(session, "\033[H\033[%" PRId64 "B", row);
+    line_text text(session);
+    int emitted = text.add("\033[H\033[%" PRId64 "B", row);
     if (format) {
-        emitted += put(session, "\r\033[K");
-        emitted += put_formatted(session, format, ap);
+        emitted += text.add("\r\033[K");
+        emitted += text.add_list(format, ap);
         fflush(stdout);
     }
-    return emitted + put(session, "\033[%" PRId64 "B\r", parking_row - row);
-}
-
-QV_PRINTF(3, 4) int print_line(memdebug_session *session, int line, const char *format, ...)
-{
-    va_list ap;
-    va_start(ap, format);
-    const int emitted = put_line(session, line, format, ap);
-    va_end(ap);
+    emitted += text.add("\033[%" PRId64 "B\r", parking_row - row);
+    text.flush();
     return emitted;
 }
 
@@ -311,6 +371,10 @@ void move_towards_tail(memdebug_session *session, func_record *func)
 void move_towards_head(memdebug_session *session, func_record *func)
 {
     if (func->count == 0) {
+        if (session->scan_func == func) {
+            session->scan_func = func->next == &session->funcs ? nullptr : func->next;
+            session->scan_block = nullptr;
+        }
         unlink(func);
         free_function(func);
         return;
@@ -338,7 +402,7 @@ void *register_block(memdebug_session *session, alloc_record *record)
 {
     if (!record->owner)
         return nullptr;
-    mutex_guard lock(session->table_lock);
+    table_guard lock(session);
     func_record *func = find_function(session, record->owner->name);
     if (func) {
         free_function(record->owner);
@@ -360,6 +424,8 @@ void *register_block(memdebug_session *session, alloc_record *record)
 void take_out(memdebug_session *session, alloc_record *record)
 {
     func_record *func = record->owner;
+    if (session->scan_block == record)
+        session->scan_block = record->next;
     unlink(record);
     unindex_block(session, record);
     func->count--;
@@ -380,7 +446,7 @@ QV_PRINTF(2, 3) void report_fault(memdebug_session *session, const char *format,
 // Takes a block out of the table and returns what the underlying allocator gave; null after a report.
 void *unregister_block(memdebug_session *session, void *user, const char *where)
 {
-    mutex_guard lock(session->table_lock);
+    table_guard lock(session);
     alloc_record *record = find_block(session, user);
     if (!record) {
         lock.unlock();
@@ -395,11 +461,13 @@ void *unregister_block(memdebug_session *session, void *user, const char *where)
 
 int count_allocation(memdebug_session *session, int change)
 {
-    mutex_guard lock(session->table_lock);
+    table_guard lock(session);
     session->total_allocations += change;
     const int total = session->total_allocations;
     lock.unlock();
-    return gotoline(-1, "Total Allocations: %.5d", total);
+    const int emitted = print_line(session, -1, "Total Allocations: %.5d", total);
+    report_output_failures(session);
+    return emitted;
 }
 
 // ---- Blocks
@@ -499,7 +567,7 @@ bool resize_block(alloc_record *record)
 // Takes the record of a block that is to be resized out of the table; null after a report.
 alloc_record *take_for_resize(memdebug_session *session, void *user, const char *func, unsigned int line)
 {
-    mutex_guard lock(session->table_lock);
+    table_guard lock(session);
     alloc_record *record = find_block(session, user);
     if (record) {
         take_out(session, record);
@@ -510,12 +578,125 @@ alloc_record *take_for_resize(memdebug_session *session, void *user, const char 
     return nullptr;
 }
 
+void free_clients(console_client *client)
+{
+    while (client) {
+        console_client *following = client->next;
+        free(client);
+        client = following;
+    }
+}
+
+void free_table(memdebug_session *session)
+{
+    for (func_record *func = session->funcs.next; func != &session->funcs;) {
+        func_record *following = func->next;
+        for (alloc_record *record = func->blocks.next; record != &func->blocks;) {
+            alloc_record *next_record = record->next;
+            free(record);
+            record = next_record;
+        }
+        free_function(func);
+        func = following;
+    }
+    free(session->buckets);
+}
+
+void free_session(memdebug_session *session)
+{
+    free_table(session);
+    free_clients(session->retired);
+    free_clients(session->dropped);
+    for (pthread_mutex_t *mutex : {&session->table_lock, &session->display_lock, &session->message_lock,
+                                   &session->client_lock, &session->listener_lock})
+        pthread_mutex_destroy(mutex);
+    free(session);
+}
+
+// Ends the connections of all clients.
+void disconnect_clients(memdebug_session *session)
+{
+    retire_clients(session);
+    const mutex_guard lock(session->client_lock);
+    for (console_client *client = session->retired; client; client = client->next) {
+        if (client->socket >= 0)
+            close(client->socket);
+        client->socket = -1;
+    }
+}
+
+// Waits a while until no thread is inside a session. The caller may itself be inside, when it closes the
+// session from the error hook.
+bool threads_have_left()
+{
+    const uint32_t start = clock_ms();
+    const timespec moment = {0, 50000};
+    while (threads_inside != 0) {
+        if (clock_ms() - start > leaving_limit_ms)
+            return false;
+        nanosleep(&moment, nullptr);
+    }
+    return true;
+}
+
+// Frees the sessions that were closed, unless a thread is still inside one of them.
+void free_closed_sessions()
+{
+    memdebug_session *session = closed_sessions.exchange(nullptr);
+    if (session && !threads_have_left()) {
+        memdebug_session *last = session;
+        while (last->next_closed)
+            last = last->next_closed;
+        last->next_closed = closed_sessions;
+        while (!closed_sessions.compare_exchange_weak(last->next_closed, session)) {
+        }
+        return;
+    }
+    while (session) {
+        memdebug_session *following = session->next_closed;
+        free_session(session);
+        session = following;
+    }
+}
+
 } // namespace
+
+table_guard::table_guard(memdebug_session *session) : session_(session)
+{
+    if (pthread_mutex_trylock(&session->table_lock) == 0)
+        return;
+    session->waiting++;
+    // The checker lets go within a few blocks, sooner than a sleep would end.
+    int error = EBUSY;
+    for (int i = 0; i < spins && error != 0; i++)
+        error = pthread_mutex_trylock(&session->table_lock);
+    if (error != 0)
+        pthread_mutex_lock(&session->table_lock);
+    session->waiting--;
+}
 
 memdebug_session *running_session()
 {
     memdebug_session *session = the_session.load(std::memory_order_acquire);
     return session && session->enabled.load(std::memory_order_relaxed) ? session : nullptr;
+}
+
+session_use::session_use() : session_(nullptr)
+{
+    if (!the_session.load(std::memory_order_relaxed))
+        return;
+    threads_inside++;
+    session_ = the_session;
+    if (session_ && session_->enabled)
+        return;
+    session_ = nullptr;
+    threads_inside--;
+}
+
+session_use::~session_use()
+{
+    if (session_)
+        threads_inside--;
 }
 
 memdebug_session *open_session(const char *service, int output_fd, void (*error_hook)(int))
@@ -525,40 +706,84 @@ memdebug_session *open_session(const char *service, int output_fd, void (*error_
         return nullptr;
     init_list(session->funcs);
     session->clients.next = session->clients.prev = &session->clients;
-    pthread_mutex_init(&session->table_lock, nullptr);
-    pthread_mutex_init(&session->display_lock, nullptr);
-    pthread_mutex_init(&session->message_lock, nullptr);
+    for (pthread_mutex_t *mutex : {&session->table_lock, &session->display_lock, &session->message_lock,
+                                   &session->client_lock, &session->listener_lock})
+        pthread_mutex_init(mutex, nullptr);
     session->line_complete = 1;
     session->output_fd = output_fd;
-    session->error_hook = error_hook;
+    session->error_hook = error_hook ? error_hook : [](int) {};
     session->listen_service = service;
+    session->listener = -1;
     session->enabled = 1;
-    the_session.store(session, std::memory_order_release);
+    the_session = session;
     return session;
 }
 
 void close_session()
 {
-    memdebug_session *session = the_session.exchange(nullptr);
-    if (!session)
-        return;
+    if (memdebug_session *session = the_session)
+        close_session(session);
+}
+
+void close_session(memdebug_session *session)
+{
+    memdebug_session *expected = session;
+    the_session.compare_exchange_strong(expected, nullptr);
     session->enabled = 0;
-    for (func_record *func = session->funcs.next; func != &session->funcs;) {
-        func_record *following = func->next;
-        for (alloc_record *record = func->blocks.next; record != &func->blocks;) {
-            alloc_record *next_record = record->next;
-            free(record);
-            record = next_record;
-        }
-        free(func->name);
-        free(func);
-        func = following;
+    session->stop_at = clock_ms();
+    disconnect_clients(session);
+    session->next_closed = closed_sessions;
+    while (!closed_sessions.compare_exchange_weak(session->next_closed, session)) {
     }
-    pthread_mutex_destroy(&session->table_lock);
-    pthread_mutex_destroy(&session->display_lock);
-    pthread_mutex_destroy(&session->message_lock);
-    free(session->buckets);
-    free(session);
+    free_closed_sessions();
+}
+
+void print_text(memdebug_session *session, const char *text)
+{
+    mutex_guard lock(session->display_lock);
+    put_text(session, text, static_cast<int>(strlen(text)));
+}
+
+int print_line(memdebug_session *session, int line, const char *format, ...)
+{
+    va_list ap;
+    va_start(ap, format);
+    const int emitted = put_line(session, line, format, ap);
+    va_end(ap);
+    return emitted;
+}
+
+// A report prints too and may fail again: failures during a report are dropped, or it would never end.
+void report_output_failures(memdebug_session *session)
+{
+    if (session->write_error == 0 && session->dropped.load() == nullptr)
+        return;
+    if (session->reporting.exchange(true))
+        return;
+    const errno_guard unchanged;
+    const int error = session->write_error.exchange(0);
+    if (error != 0) {
+        errno = error;
+        qv_errno("%s: stdout failed", "mvprintf");
+    }
+    for (console_client *client = session->dropped.exchange(nullptr); client;) {
+        console_client *following = client->next;
+        report_dropped(session, client);
+        client = following;
+    }
+    session->write_error = 0;
+    session->reporting = false;
+}
+
+void retire_clients(memdebug_session *session)
+{
+    const mutex_guard lock(session->client_lock);
+    while (session->clients.next != &session->clients) {
+        console_client *client = session->clients.next;
+        unlink_client(client);
+        client->next = session->retired;
+        session->retired = client;
+    }
 }
 
 } // namespace qv
@@ -576,10 +801,16 @@ void qv_free(void *ptr)
     free(ptr);
 }
 
-void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *func, unsigned int line)
+// Without a session a call is one test and a jump; what a session needs is apart.
+
+namespace
 {
-    memdebug_session *session = running_session();
-    if (!session)
+
+__attribute__((noinline)) void *malloc_tracked(void *(*allocator)(size_t), size_t size, const char *func,
+                                               unsigned int line)
+{
+    const session_use session;
+    if (!session.get())
         return allocator(size);
 
     alloc_record *record = make_record(func, size, flag_malloc);
@@ -596,20 +827,14 @@ void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *fu
             qv_errno("%s: allocation", "qv_memcheck_malloc");
         return nullptr;
     }
-    count_allocation(session, 1);
-    return register_block(session, record);
+    count_allocation(session.get(), 1);
+    return register_block(session.get(), record);
 }
 
-void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int line)
+__attribute__((noinline)) void *realloc_tracked(void *ptr, size_t size, const char *func, unsigned int line)
 {
-    if (!ptr)
-        return qv_memcheck_malloc(qv_malloc, size, func, line);
-    if (size == 0) {
-        qv_memcheck_free(qv_free, ptr, func);
-        return nullptr;
-    }
-    memdebug_session *session = running_session();
-    if (!session)
+    const session_use session;
+    if (!session.get())
         return realloc(ptr, size);
 
     func_record *new_owner = func ? make_function(func) : nullptr;
@@ -617,7 +842,7 @@ void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int
         log_no_record("qv_memcheck_realloc", func, size);
         return nullptr; // the block stays as it was
     }
-    alloc_record *record = take_for_resize(session, ptr, func, line);
+    alloc_record *record = take_for_resize(session.get(), ptr, func, line);
     if (!record) {
         free_function(new_owner);
         return nullptr;
@@ -632,27 +857,55 @@ void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int
         qv_memcheck_free(qv_free, record, "../src/memdebug.c:1126");
         return nullptr;
     }
-    return register_block(session, record);
+    return register_block(session.get(), record);
+}
+
+__attribute__((noinline)) int free_tracked(void (*release)(void *), void *ptr, const char *where)
+{
+    const session_use session;
+    if (!session.get()) {
+        release(ptr);
+        return 0;
+    }
+    void *block = unregister_block(session.get(), ptr, where);
+    if (!block)
+        return 0;
+    release(block);
+    return count_allocation(session.get(), -1);
+}
+
+} // namespace
+
+void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *func, unsigned int line)
+{
+    if (!the_session.load(std::memory_order_relaxed))
+        return allocator(size);
+    return malloc_tracked(allocator, size, func, line);
+}
+
+void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int line)
+{
+    if (!ptr)
+        return qv_memcheck_malloc(qv_malloc, size, func, line);
+    if (size == 0) {
+        qv_memcheck_free(qv_free, ptr, func);
+        return nullptr;
+    }
+    return realloc_tracked(ptr, size, func, line);
 }
 
 int qv_memcheck_free(void (*release)(void *), void *ptr, const char *where)
 {
-    memdebug_session *session = running_session();
-    if (!session) {
-        release(ptr);
-        return 0;
-    }
-    void *block = unregister_block(session, ptr, where);
-    if (!block)
-        return 0;
-    release(block);
-    return count_allocation(session, -1);
+    if (the_session.load(std::memory_order_relaxed))
+        return free_tracked(release, ptr, where);
+    release(ptr);
+    return 0;
 }
 
 void *qv_dmacheck_malloc(void *(*allocator)(size_t), size_t size, const char *func)
 {
-    memdebug_session *session = running_session();
-    if (!session)
+    const session_use session;
+    if (!session.get())
         return allocator(size);
     alloc_record *record = make_record(func, size, flag_dma);
     if (!record) {
@@ -661,21 +914,22 @@ void *qv_dmacheck_malloc(void *(*allocator)(size_t), size_t size, const char *fu
     }
     void *block = allocator(size);
     record->block = record->user = block;
-    register_block(session, record);
+    register_block(session.get(), record);
     return block;
 }
 
 int qv_dma_free(int (*release)(void *ptr, size_t value), void *ptr, size_t value, const char *where)
 {
-    memdebug_session *session = running_session();
-    if (session)
-        ptr = unregister_block(session, ptr, where);
+    const session_use session;
+    if (session.get())
+        ptr = unregister_block(session.get(), ptr, where);
     return release(ptr, value);
 }
 
 int gotoline(int line, const char *format, ...)
 {
-    memdebug_session *session = running_session();
+    const session_use use;
+    memdebug_session *session = use.get();
     if (!session)
         return -1;
     va_list ap;
@@ -688,7 +942,8 @@ int gotoline(int line, const char *format, ...)
 
 int mvprintf(const char *format, va_list ap)
 {
-    memdebug_session *session = running_session();
+    const session_use use;
+    memdebug_session *session = use.get();
     if (!session)
         return -1;
     const int length = put_formatted(session, format, ap);
@@ -764,7 +1019,8 @@ void put_pieces(memdebug_session *session, const char *text, int newlines)
 
 int memdbg_vprintf(const char *format, va_list ap)
 {
-    memdebug_session *session = running_session();
+    const session_use use;
+    memdebug_session *session = use.get();
     if (!session)
         return mvprintf(format, ap);
 

@@ -1361,17 +1361,8 @@ class ConsoleClients : public WithASession
     {
         session_->output_fd = 0;
     }
-    ~ConsoleClients() override
-    {
-        for (qv::console_client *client = session_->clients.next; client != &session_->clients;) {
-            qv::console_client *following = client->next;
-            close(client->socket);
-            free(client);
-            client = following;
-        }
-    }
-    // A client in front of the list. Its record stays allocated on purpose once it is dropped.
-    __attribute__((noinline)) int connect_client()
+    // A client in front of the list, which is closed and freed with the session.
+    int connect_client()
     {
         int sockets[2];
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);

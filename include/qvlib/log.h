@@ -2,8 +2,9 @@
  * Logging: one process-wide facility for every diagnostic.
  *
  * A message has a level and a printf-style text without a line end. It goes to up to three sinks: the telnet
- * feed (every message of every level), the console (standard error, when the LOG_PERROR option was given) and
- * the system log (when "/dev/log" existed at qv_log_init). Before qv_log_init no sink is enabled.
+ * feed (every message of every level, see telnet_log.h), the console (standard error, when the LOG_PERROR
+ * option was given) and the system log (when "/dev/log" existed at qv_log_init). Before qv_log_init no sink is
+ * enabled.
  *
  * Levels 0 to 7 are the syslog priorities; 8 reaches the telnet feed only. A message is emitted when its level,
  * compared as a signed number, is not above the configured level.
@@ -42,7 +43,8 @@ enum {
  * facility     syslog facility
  * telnet_port  TCP port of the telnet feed in host order, or 0 for none
  *
- * Returns nothing. A missing "/dev/log" is reported by perror on standard error, and the system log stays off.
+ * Returns nothing. Logging goes on without a feed that cannot be started. A missing "/dev/log" is reported by
+ * perror on standard error, and the system log stays off.
  * Calling it again does not stop an earlier telnet feed: call qv_log_exit first.
  */
 void qv_log_init(const char *ident, int level, int options, int facility, unsigned int telnet_port);

@@ -1,5 +1,5 @@
 /*
- * Tracked allocation, and output to the memory debugger's console.
+ * Tracked allocation, and the memory debugger with its console.
  *
  * The corelink functions, the allocating text functions and logging take their memory here. Without a memory
  * debugger session the functions forward to the allocator or release function that the caller names. With one,
@@ -9,6 +9,12 @@
  *
  * A block must be released in the same state: one that was made before a session started is unknown to it, and
  * one that was made while a session ran must not be handed to free() afterwards.
+ *
+ * The console is a screen of text drawn with ANSI cursor sequences: a banner, the last fault and the number of
+ * allocations on top, the 30 functions with the most live blocks below, then 11 lines for the program's own
+ * texts. It is written to one descriptor, or to every client that connects to the console's port. A client that
+ * has made no room two seconds after a text was written is dropped; a descriptor that has not is reported, and
+ * not waited for again until it takes text.
  *
  * Threads: any thread may call any function.
  */
@@ -79,6 +85,41 @@ void *qv_dmacheck_malloc(void *(*allocator)(size_t), size_t size, const char *fu
 int qv_dma_free(int (*release)(void *ptr, size_t value), void *ptr, size_t value, const char *where);
 
 /*
+ * Starts the memory debugger: tracking, a checker thread "qvl-memdebug" that reports damaged guard markers, each
+ * block once, and redraws the table, and with a service a listener thread for console clients.
+ *
+ * service     port of the console as a service name or number, on every IPv4 address; kept, so it must outlive
+ *             the session. NULL for no clients
+ * output_fd   1 or greater: the console is written there and clients get nothing; otherwise to the clients
+ * error_hook  called with -1 after each fault, in the thread that found it; NULL for none
+ *
+ * Returns 0, or -1 with errno of the allocator, or of starting a thread: that is logged, and the session tracks
+ * all the same until qv_memcheck_stop. A listener that fails is logged and ends.
+ * Both threads set SIGCHLD to be ignored, for the whole process. Starting again without a stop replaces the
+ * session: the earlier one's threads and records are never released.
+ * Threads: qv_memcheck_start and qv_memcheck_stop must not run at the same time.
+ */
+int qv_memcheck_start(const char *service, int output_fd, void (*error_hook)(int));
+
+/*
+ * Stops the memory debugger: logs and draws the table a last time, ends both threads, closes the console's port
+ * and clients, and forgets the blocks. The functions here are plain allocation afterwards.
+ *
+ * The listener is woken by SIGUSR1, so the host has a handler for it that lets a blocked accept return; without
+ * one the port is shut down instead. It does not wait for clients, and for threads that are inside a function of
+ * this header only for a moment; what they use is then released by a later stop.
+ *
+ * Returns 0, or -1: without a session, while another thread stops it, and with errno EDEADLK when the error hook
+ * calls it in one of the session's own threads.
+ */
+int qv_memcheck_stop(void);
+
+/* The bodies of the two threads, for qv_memcheck_start; the argument is the session, NULL ends them at once.
+ * They return NULL. */
+void *qv_memory_debug(void *session);
+void *accept_thread(void *session);
+
+/*
  * Puts text on a line of the debugger's console; line L is terminal row L + 3.
  *
  * format  may be NULL to move the cursor only
@@ -88,7 +129,7 @@ int qv_dma_free(int (*release)(void *ptr, size_t value), void *ptr, size_t value
 int gotoline(int line, const char *format, ...) QV_PRINTF(2, 3);
 
 /*
- * Writes text to the debugger's console: the session's descriptor, else every connected client. Takes no lock.
+ * Writes text to the debugger's console: the session's descriptor, else every connected client.
  *
  * Returns the number of characters formatted, or -1 without a session or when formatting fails.
  */

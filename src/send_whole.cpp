@@ -1,0 +1,82 @@
+// Sends with an end. The waits are cut in slices, so that a stop is noticed while a send waits.
+
+#include "send_whole.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace qv
+{
+namespace
+{
+
+constexpr uint32_t slice_ms = 10;
+
+// Takes what was sent off the front of the pieces.
+void advance(iovec *&pieces, size_t &count, size_t sent)
+{
+    while (count > 0 && sent >= pieces->iov_len) {
+        sent -= pieces->iov_len;
+        pieces++;
+        count--;
+    }
+    if (count > 0) {
+        pieces->iov_base = static_cast<char *>(pieces->iov_base) + sent;
+        pieces->iov_len -= sent;
+    }
+}
+
+} // namespace
+
+uint32_t clock_ms()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const auto ms = static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * 1000 +
+                                          static_cast<uint64_t>(now.tv_nsec) / 1000000);
+    return ms ? ms : 1;
+}
+
+bool send_patience::wait_for_room(int fd)
+{
+    for (;;) {
+        const uint32_t now = clock_ms();
+        if (started_ == 0)
+            started_ = now;
+        const uint32_t waited = now - started_;
+        const uint32_t stop_at = stop_at_;
+        uint32_t left = waited < limit_ms_ ? limit_ms_ - waited : 0;
+        if (stop_at != 0)
+            left = std::min(left, static_cast<int32_t>(stop_at - now) > 0 ? stop_at - now : 0);
+
+        pollfd room = {fd, POLLOUT, 0};
+        const int ready = poll(&room, 1, static_cast<int>(std::min(left, slice_ms)));
+        if (ready > 0)
+            return true;
+        if (left == 0 || (ready < 0 && errno != EINTR)) {
+            errno = EAGAIN;
+            return false;
+        }
+    }
+}
+
+bool send_whole(int fd, iovec *pieces, size_t count, send_patience &patience)
+{
+    advance(pieces, count, 0);
+    while (count > 0) {
+        msghdr message = {};
+        message.msg_iov = pieces;
+        message.msg_iovlen = count;
+        const ssize_t sent = sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent >= 0)
+            advance(pieces, count, static_cast<size_t>(sent));
+        else if (errno == EAGAIN ? !patience.wait_for_room(fd) : errno != EINTR)
+            return false;
+    }
+    return true;
+}
+
+} // namespace qv

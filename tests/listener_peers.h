@@ -1,0 +1,202 @@
+// Peers of the library's listeners: the test's own accept, which may come late or fail, and clients.
+// Link with -Wl,--wrap=accept.
+#ifndef QVLIB_TESTS_LISTENER_PEERS_H
+#define QVLIB_TESTS_LISTENER_PEERS_H
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <time.h>
+#include <unistd.h>
+
+extern "C" int __real_accept(int fd, sockaddr *address, socklen_t *size);
+
+namespace peers
+{
+
+inline std::atomic<int> delay_us;     // in front of each accept
+inline std::atomic<int> accept_error; // for errno; 0 lets accepts succeed
+inline std::atomic<int> accepts;
+
+inline int open_entries(const char *path)
+{
+    int count = 0;
+    DIR *directory = opendir(path);
+    while (directory && readdir(directory))
+        count++;
+    if (directory)
+        closedir(directory);
+    return count;
+}
+
+inline int descriptors()
+{
+    return open_entries("/proc/self/fd");
+}
+
+// Threads of the process by this name.
+inline int threads_named(const char *name)
+{
+    int count = 0;
+    DIR *directory = opendir("/proc/self/task");
+    for (dirent *entry; directory && (entry = readdir(directory));) {
+        const std::string path = std::string("/proc/self/task/") + entry->d_name + "/comm";
+        char text[32] = "";
+        FILE *file = fopen(path.c_str(), "r");
+        if (file && fgets(text, sizeof text, file) && std::string(text) == std::string(name) + "\n")
+            count++;
+        if (file)
+            fclose(file);
+    }
+    if (directory)
+        closedir(directory);
+    return count;
+}
+
+inline void sleep_us(long us)
+{
+    const timespec moment = {us / 1000000, us % 1000000 * 1000};
+    nanosleep(&moment, nullptr);
+}
+
+inline double seconds_since(std::chrono::steady_clock::time_point start)
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Waits until something holds; false when it does not in time.
+template <class Condition> bool eventually(Condition condition, double seconds = 20)
+{
+    const auto start = std::chrono::steady_clock::now();
+    while (!condition()) {
+        if (seconds_since(start) > seconds)
+            return false;
+        sleep_us(500);
+    }
+    return true;
+}
+
+// A TCP port that nobody uses.
+inline unsigned int free_port()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    socklen_t size = sizeof address;
+    if (bind(fd, reinterpret_cast<sockaddr *>(&address), size) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size) != 0)
+        abort();
+    close(fd);
+    return ntohs(address.sin_port);
+}
+
+// A connection to a port of this host.
+class client
+{
+  public:
+    explicit client(unsigned int port, int receive_buffer = 0, double patience = 20)
+    {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        eventually(
+            [&] {
+                fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+                if (receive_buffer)
+                    setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+                if (connect(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0)
+                    return true;
+                close(fd_);
+                fd_ = -1;
+                return false;
+            },
+            patience);
+    }
+    ~client()
+    {
+        hang_up();
+    }
+    client(const client &) = delete;
+    client &operator=(const client &) = delete;
+
+    bool is_connected() const
+    {
+        return fd_ >= 0;
+    }
+    void hang_up()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = -1;
+    }
+    // Ends the connection without the usual goodbye.
+    void reset()
+    {
+        const linger at_once = {1, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+        hang_up();
+    }
+    bool has_input(int timeout_ms) const
+    {
+        pollfd input = {fd_, POLLIN, 0};
+        return poll(&input, 1, timeout_ms) > 0;
+    }
+    // Reads until the text so far contains `end`, or the connection ends; all that was read.
+    const std::string &read_until(const std::string &end)
+    {
+        char buffer[4096];
+        while (text_.find(end) == std::string::npos && has_input(20000)) {
+            const ssize_t length = recv(fd_, buffer, sizeof buffer, 0);
+            if (length <= 0)
+                break;
+            text_.append(buffer, static_cast<size_t>(length));
+        }
+        return text_;
+    }
+    // Reads what there is until the other side ends the connection; false when it does not.
+    bool read_to_end()
+    {
+        char buffer[4096];
+        while (has_input(20000)) {
+            const ssize_t length = recv(fd_, buffer, sizeof buffer, 0);
+            if (length <= 0)
+                return true;
+            text_.append(buffer, static_cast<size_t>(length));
+        }
+        return false;
+    }
+    std::string &text()
+    {
+        return text_;
+    }
+
+  private:
+    int fd_ = -1;
+    std::string text_;
+};
+
+} // namespace peers
+
+extern "C" int __wrap_accept(int fd, sockaddr *address, socklen_t *size)
+{
+    if (peers::delay_us != 0)
+        peers::sleep_us(peers::delay_us);
+    peers::accepts++;
+    if (peers::accept_error != 0) {
+        errno = peers::accept_error;
+        return -1;
+    }
+    return __real_accept(fd, address, size);
+}
+
+#endif
