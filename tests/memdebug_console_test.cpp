@@ -626,7 +626,6 @@ TEST_F(MemdebugClients, ThatNeverReadDoNotStopTheProgram)
     client stuck(port_, 1024), reader(port_);
     ASSERT_TRUE(stuck.has_input(20000));
     reader.read_until("DEBUG---");
-    std::atomic<bool> done = false;
     std::thread reading([&] { reader.read_to_end(); });
     const auto began = std::chrono::steady_clock::now();
     for (int i = 0; i < 10000; i++)
