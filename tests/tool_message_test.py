@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import selectors
 import signal
 import socket
@@ -308,6 +309,90 @@ class DaemonLife(MessageTest):
         config = os.path.join(SOURCE, "examples", "config", "appliance.cl")
         daemon = Process(self, [UNITD, "-c", config], environment=self.environment())
         self.assertEqual(self.ask(daemon, "unit.name"), 'unit={name="bridge-07"}')
+
+
+class DaemonDiagnostics(MessageTest):
+    """What watches a daemon: the telnet feed, and the memory debugger's console in a terminal."""
+
+    def setUp(self):
+        super().setUp()
+        self.feed_port, self.console_port = (self.free_stream_port() for _ in range(2))
+
+    def free_stream_port(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as probe:
+            probe.bind(("127.0.0.1", 0))
+            return probe.getsockname()[1]
+
+    def connect(self, port):
+        deadline = time.monotonic() + 30
+        while True:
+            try:
+                client = socket.create_connection(("127.0.0.1", port), timeout=30)
+                self.addCleanup(client.close)
+                return client
+            except ConnectionRefusedError:
+                self.assertLess(time.monotonic(), deadline)
+                time.sleep(0.01)
+
+    def read_until(self, client, text):
+        received = b""
+        while text not in received:
+            piece = client.recv(65536)
+            self.assertTrue(piece, received)
+            received += piece
+        return received
+
+    def test_the_feed_tells_each_client_what_happens(self):
+        daemon = self.daemon("-t", str(self.feed_port), reads_bad_text=True)
+        clients = [self.connect(self.feed_port) for _ in range(3)]
+        time.sleep(0.2)  # accepted, not only connected
+        self.refusal(daemon, "unit=")
+        for client in clients:
+            lines = self.read_until(client, b"not a corelink text\n").decode().split("\n")
+            self.assertRegex(lines[0], r"^\w{3} \w{3} [ \d]\d \d\d:\d\d:\d\d \d{4} ERROR: clparse_start: parsing failed: 1$")
+            self.assertRegex(lines[-2], r" WARNG: refused a message of port \d+: not a corelink text$")
+
+    def test_the_console_fills_a_terminal(self):
+        daemon = self.daemon("-m", str(self.console_port), reads_bad_text=True)
+        tmux = ["tmux", "-f", "/dev/null", "-S", self.path("tmux")]
+        self.connect(self.console_port)  # it listens
+        viewer = f"exec bash -c 'cat </dev/tcp/127.0.0.1/{self.console_port}'"
+        subprocess.run([*tmux, "new-session", "-d", "-x", "100", "-y", "50", viewer], check=True)
+        self.addCleanup(subprocess.run, [*tmux, "kill-server"])
+        time.sleep(0.5)
+        self.refusal(daemon, "unit=")
+        expected = {
+            1: r"=== Quaverlight Memory Debugger ===",  # terminals take "down by 0" as down by 1
+            2: r"Total Allocations: \d{5,}",
+            3: r"Count \d+ +Ave Size:\d+ +:\w+",
+            36: r"-{36}DEBUG-{36}",
+            45: r"\(null\): syntax error",
+            46: r"Parent was head",
+            47: r"near: NULL",
+        }
+        deadline = time.monotonic() + 60
+        while True:
+            screen = subprocess.run([*tmux, "capture-pane", "-p"], check=True, capture_output=True, text=True)
+            rows = screen.stdout.split("\n")
+            wrong = [row for row, text in expected.items() if not re.fullmatch(text, rows[row].rstrip())]
+            if not wrong:
+                break
+            self.assertLess(time.monotonic(), deadline, (wrong, screen.stdout))
+            time.sleep(0.1)
+        names = [row.split(":")[-1] for row in rows[3:33] if row.startswith("Count")]
+        self.assertIn("clparse_create_node", names)
+
+    def test_both_end_with_the_daemon_at_once(self):
+        daemon = self.daemon("-t", str(self.feed_port), "-m", str(self.console_port))
+        clients = [self.connect(self.feed_port), self.connect(self.console_port)]
+        time.sleep(0.2)
+        start = time.monotonic()
+        _, err, status = daemon.stop()
+        self.assertLess(time.monotonic() - start, 10)
+        self.assertEqual(status, 0, err)
+        for client in clients:
+            while client.recv(65536):
+                pass
 
 
 class Listen(MessageTest):
