@@ -355,7 +355,7 @@ class DaemonDiagnostics(MessageTest):
     def test_the_console_fills_a_terminal(self):
         daemon = self.daemon("-m", str(self.console_port), reads_bad_text=True)
         tmux = ["tmux", "-f", "/dev/null", "-S", self.path("tmux")]
-        self.connect(self.console_port)  # it listens
+        self.connect(self.console_port).close()  # it listens; a client that never reads would hold up the others
         viewer = f"exec bash -c 'cat </dev/tcp/127.0.0.1/{self.console_port}'"
         subprocess.run([*tmux, "new-session", "-d", "-x", "100", "-y", "50", viewer], check=True)
         self.addCleanup(subprocess.run, [*tmux, "kill-server"])
