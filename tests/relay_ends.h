@@ -195,6 +195,14 @@ class stream
         }
         return bytes;
     }
+    // What has come already.
+    std::string read_at_once() const
+    {
+        char buffer[4096];
+        pollfd input = {fd_, POLLIN, 0};
+        const ssize_t length = poll(&input, 1, 0) > 0 ? ::read(fd_, buffer, sizeof buffer) : 0;
+        return std::string(buffer, static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    }
     // Whether the other side ends the connection; what comes before is dropped.
     bool ends() const
     {
