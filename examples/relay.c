@@ -177,7 +177,7 @@ static void serve_channel(struct relay *relay, int channel)
 static void *run_remote(void *argument)
 {
     struct relay *relay = argument;
-    for (int channel; (channel = qvsock_accept(relay->listener, NULL, 0, "relay")) >= 0;)
+    for (int channel; (channel = accept(relay->listener, NULL, NULL)) >= 0;)
         serve_channel(relay, channel);
     if (!is_ending(relay))
         pthread_kill(relay->main_thread, SIGTERM);

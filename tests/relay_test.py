@@ -20,7 +20,7 @@ import unittest
 
 RELAY = os.environ["RELAY"]
 SERVER_PORT = 8008
-PATIENCE = 120
+PATIENCE = 60
 
 
 def free_port():
@@ -167,18 +167,21 @@ class RelayTest(unittest.TestCase):
         return connection
 
     def get(self, size, client=None):
-        client = client or self.client()
-        client.request("GET", f"/{size}")
-        answer = client.getresponse()
+        used = client or self.client()
+        used.request("GET", f"/{size}")
+        answer = used.getresponse()
         body = answer.read()
         self.assertEqual(answer.status, 200)
         self.assertTrue(body == Site.bytes(size), f"{len(body)} of {size} bytes")
+        if not client:
+            used.close()
 
     def post(self, size):
         body = Site.bytes(size)
         client = self.client()
         client.request("POST", "/", body)
         self.assertEqual(client.getresponse().read().decode(), hashlib.sha256(body).hexdigest())
+        client.close()
 
     def raw(self, request=b"", receive_buffer=None):
         connection = socket.socket()
@@ -189,6 +192,23 @@ class RelayTest(unittest.TestCase):
         connection.connect(("127.0.0.1", self.gui_port))
         connection.sendall(request)
         return connection
+
+
+    @staticmethod
+    def read(connection, size):
+        received = bytearray()
+        while len(received) < size and (piece := connection.recv(min(1 << 20, size - len(received)))):
+            received += piece
+        return bytes(received)
+
+    @staticmethod
+    def drain(client):
+        """Reads until the connection ends, in whatever way."""
+        try:
+            while client.recv(1 << 20):
+                pass
+        except ConnectionError:
+            pass
 
 
 class WebServer(RelayTest):
@@ -283,10 +303,11 @@ class ServerComesAndGoes(WebServer):
                 other.close()
                 self.assertEqual(refused.recv(1), b"")
                 staying.sendall(b"question")
-                self.assertEqual(kept.recv(8, socket.MSG_WAITALL), b"question")
+                self.assertEqual(self.read(kept, 8), b"question")
                 kept.sendall(b"answer")
-                self.assertEqual(staying.recv(6, socket.MSG_WAITALL), b"answer")
+                self.assertEqual(self.read(staying, 6), b"answer")
             self.assertEqual(staying.recv(1), b"")
+            staying.close()
         self.check_ends()
 
 
@@ -329,13 +350,14 @@ class ManyClients(RelayTest):
                 up, down = Site.bytes(20000000), Site.bytes(20000001)
                 with concurrent.futures.ThreadPoolExecutor(4) as pool:
                     work = [pool.submit(client.sendall, up), pool.submit(server.sendall, down)]
-                    read_up = pool.submit(server.recv, len(up), socket.MSG_WAITALL)
-                    read_down = pool.submit(client.recv, len(down), socket.MSG_WAITALL)
+                    read_up = pool.submit(self.read, server, len(up))
+                    read_down = pool.submit(self.read, client, len(down))
                     self.assertTrue(read_up.result() == up)
                     self.assertTrue(read_down.result() == down)
                     for done in work:
                         done.result()
             self.assertEqual(client.recv(1), b"")
+            client.close()
         self.check_ends()
 
 
@@ -351,6 +373,7 @@ class SlowAndVanishingClients(RelayTest):
                 received += piece
                 time.sleep(0.0005)
             self.assertTrue(received.endswith(Site.bytes(size)), len(received))
+            client.close()
 
         with concurrent.futures.ThreadPoolExecutor(9) as pool:
             work = [pool.submit(read_slowly, number) for number in range(8)]
@@ -366,7 +389,6 @@ class SlowAndVanishingClients(RelayTest):
             chance = random.Random(number)
             for _ in range(10):
                 client = self.raw(b"GET /5000000 HTTP/1.1\r\n\r\n"[: chance.choice([0, 10, 25])])
-                client.recv(chance.randint(1, 300000)) if chance.random() < 0.2 else None
                 if chance.random() < 0.5:
                     client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
                 client.close()
@@ -375,10 +397,7 @@ class SlowAndVanishingClients(RelayTest):
             work = [pool.submit(vanish, number) for number in range(8)]
             work += [pool.submit(self.get, 2000000) for _ in range(4)]
             for done in work:
-                try:
-                    done.result()
-                except TimeoutError:
-                    raise
+                done.result()
         self.get(1000)
         self.check_ends()
 
@@ -388,15 +407,12 @@ class RelayProcess(RelayTest):
         self.start_site()
         for end in (self.local, self.remote):
             clients = [self.raw(b"GET /50000000 HTTP/1.1\r\n\r\n") for _ in range(10)]
-            for client in clients:
-                client.recv(1)  # and no more: the rest waits everywhere
+            time.sleep(0.5)  # nobody reads: what comes waits everywhere
             start = time.monotonic()
             end.stop(signal.SIGINT)
             self.assertLess(time.monotonic() - start, 20)
-            for client in clients:
-                with self.assertRaises(ConnectionError) if False else self.subTest():
-                    while client.recv(1 << 20):
-                        pass
+            with concurrent.futures.ThreadPoolExecutor(len(clients)) as pool:
+                list(pool.map(self.drain, clients))  # all at once: one that does not read holds up the others
             if end is self.local:
                 self.local = End(self, "local", "127.0.0.1", str(self.channel_port), str(self.gui_port))
                 wait_for(lambda: is_open(self.gui_port), "the second local end")
@@ -405,7 +421,7 @@ class RelayProcess(RelayTest):
     def test_says_when_the_channel_is_lost(self):
         client = self.raw()
         self.remote.stop()
-        self.assertEqual(client.recv(1), b"")
+        self.drain(client)
         self.local.finish(1, "relay: the channel is lost")
 
     def test_takes_a_new_channel_after_the_last(self):
@@ -430,19 +446,19 @@ class RelayProcess(RelayTest):
         self.local.stop()
         with socket.create_connection(("127.0.0.1", self.channel_port), timeout=PATIENCE) as channel:
             channel.sendall(struct.pack(">BBHI", 2, 0, 258, 0))  # nobody has port 8008
-            self.assertEqual(channel.recv(8, socket.MSG_WAITALL), struct.pack(">BBHI", 3, 0, 258, 0))
+            self.assertEqual(self.read(channel, 8), struct.pack(">BBHI", 3, 0, 258, 0))
             self.start_site()
             channel.sendall(struct.pack(">BBHI", 2, 0, 259, 0))
             request = b"GET /3 HTTP/1.0\r\n\r\n"
             channel.sendall(struct.pack(">BBHI", 1, 0, 259, len(request)) + request)
             received = b""
             while True:
-                opcode, reserved, number, size = struct.unpack(">BBHI", channel.recv(8, socket.MSG_WAITALL))
+                opcode, reserved, number, size = struct.unpack(">BBHI", self.read(channel, 8))
                 self.assertEqual((reserved, number), (0, 259))
                 if opcode == 3:
                     break
                 self.assertEqual(opcode, 1)
-                received += channel.recv(size, socket.MSG_WAITALL)
+                received += self.read(channel, size)
             self.assertEqual(size, 0)
             self.assertTrue(received.endswith(b"\r\n\r\n" + Site.bytes(3)), received)
         self.remote.stop()
