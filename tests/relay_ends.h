@@ -10,11 +10,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -245,6 +247,26 @@ inline stream connect_to(unsigned int port, int receive_buffer = 0)
     }
     return stream();
 }
+
+// Port 8008 is one for all test programs of the machine: held while it lives.
+class server_port
+{
+  public:
+    server_port() : fd_(open("/tmp/qvlib-port-8008", O_RDWR | O_CREAT | O_CLOEXEC, 0666))
+    {
+        if (fd_ < 0 || flock(fd_, LOCK_EX) != 0)
+            ADD_FAILURE() << "lock of port 8008: " << strerror(errno);
+    }
+    ~server_port()
+    {
+        close(fd_);
+    }
+    server_port(const server_port &) = delete;
+    server_port &operator=(const server_port &) = delete;
+
+  private:
+    int fd_;
+};
 
 // The listening side of the GUI server.
 class gui_server

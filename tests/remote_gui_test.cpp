@@ -185,6 +185,7 @@ class Rgui : public testing::Test
         EXPECT_EQ(peers::descriptors(), descriptors_ + kept_descriptors_);
     }
 
+    const relay::server_port port_8008_;
     const usr1_handling handling_;
     const int descriptors_;
     int kept_descriptors_ = 0; // that stay on purpose
@@ -653,8 +654,9 @@ TEST_F(RguiLocal, LivesOnWithoutAListenerWhenThePortIsInUse)
     ASSERT_EQ(bind(taken, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(listen(taken, 1), 0);
     log_lines log;
+    const int threads = peers::open_entries("/proc/self/task");
     start();
-    EXPECT_TRUE(peers::eventually([] { return peers::threads_named("rgui-listen") == 0; }));
+    EXPECT_TRUE(peers::eventually([&] { return peers::open_entries("/proc/self/task") == threads; }));
     EXPECT_EQ(give(session_, RGUI_DATA, 1), -1);
     const int signals = signals_sent;
     stop();
