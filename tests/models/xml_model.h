@@ -80,16 +80,20 @@ inline bool fits(const line &candidate, char byte)
     return false;
 }
 
-// The line that decides for each state and byte, nullptr for none.
+// The line that decides for a state and a byte, nullptr for none.
 inline const line *decide(unsigned state, char byte)
 {
-    static std::map<std::pair<unsigned, char>, const line *> known;
-    const auto [found, is_new] = known.try_emplace({state, byte}, nullptr);
-    for (const line &candidate : table) {
-        if (is_new && found->second == nullptr && candidate.state == state && fits(candidate, byte))
-            found->second = &candidate;
-    }
-    return found->second;
+    static const std::vector<const line *> known = [] {
+        std::vector<const line *> found(17 * 256);
+        for (size_t i = 0; i < found.size(); i++) {
+            for (const line &candidate : table) {
+                if (!found[i] && candidate.state == i / 256 && fits(candidate, static_cast<char>(i % 256)))
+                    found[i] = &candidate;
+            }
+        }
+        return found;
+    }();
+    return known[state * 256 + static_cast<unsigned char>(byte)];
 }
 
 // Which callbacks there are.
@@ -215,7 +219,7 @@ class reader
         element_.clear();
     }
 
-    void complete(const std::string &action)
+    void complete(std::string_view action)
     {
         if (action == "attribute complete") {
             attributes_.emplace_back(name_, value_);
@@ -236,15 +240,16 @@ class reader
         attributes_.clear();
     }
 
-    void act(const std::string &action, char byte)
+    void act(std::string_view action, char byte)
     {
-        const std::map<std::string, std::string *> buffers = {{"append to element name", &element_},
-                                                              {"append to attribute name", &name_},
-                                                              {"append to attribute value", &value_},
-                                                              {"append to entity name", &entity_}};
-        const auto buffer = buffers.find(action);
-        if (buffer != buffers.end())
-            append(*buffer->second, byte);
+        if (action == "append to element name")
+            append(element_, byte);
+        else if (action == "append to attribute name")
+            append(name_, byte);
+        else if (action == "append to attribute value")
+            append(value_, byte);
+        else if (action == "append to entity name")
+            append(entity_, byte);
         else if (action == "append to character data")
             append_text(text_, byte);
         else if (action == "append to comment")
