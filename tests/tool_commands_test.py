@@ -10,7 +10,8 @@ import unittest
 from tool_process import QVL, SOURCE, ToolTest
 
 COMMANDS = (
-    *("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c", "ssha"),
+    *("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c"),
+    *("xml-events", "ssha"),
     *("send", "listen", "ask"),
 )
 
