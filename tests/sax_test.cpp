@@ -434,6 +434,41 @@ TEST(SaxParseFile, HoldsNoMoreThanTheAttributesOfOneTag)
     EXPECT_EQ(blocks.count(), 0u);
 }
 
+TEST(SaxParseFile, HandsCookieAndContextToEveryCallback)
+{
+    static int cookie, calls;
+    static const void *context;
+    calls = 0;
+    context = nullptr;
+    const sax_callbacks callbacks = {
+        [](void *given, const sax_attribute *, void *kept) {
+            context = given;
+            calls += kept == &cookie;
+        },
+        [](void *given, void *kept) { calls += given == context && kept == &cookie; },
+        nullptr,
+        nullptr,
+        [](const char *, size_t, void *kept) { calls += kept == &cookie; },
+        [](const char *, void *kept, void *given) { calls += given == context && kept == &cookie; },
+        [](const char *, void *kept) { calls += kept == &cookie; }};
+    const xml_stream::memory_stream bytes("<a>text<!--c--></a>>");
+    EXPECT_EQ(sax_parse_file(bytes.stream, &callbacks, &cookie), -1);
+    EXPECT_EQ(calls, 5);
+}
+
+TEST(SaxParseFile, CutsTextWithoutRegardToCharacters)
+{
+    const std::string half = repeated(255) + "\xc3", rest = "\xb6";
+    EXPECT_THAT(events(half + rest + "<"),
+                ElementsAre("characters " + half + " @257", "characters " + rest + " @258"));
+}
+
+TEST(SaxParseFile, ReadsALineBreakBehindAnElementsNameAsAnError)
+{
+    EXPECT_EQ(read_document("<a\n x=\"1\">").result, -1);
+    EXPECT_EQ(read_document("<a \n x=\"1\">").result, 0);
+}
+
 TEST(SaxParseFile, LeavesErrnoAloneOtherwise)
 {
     const sax_callbacks none = {};

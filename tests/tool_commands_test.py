@@ -11,8 +11,7 @@ from tool_process import QVL, SOURCE, ToolTest
 
 COMMANDS = (
     *("json", "xml", "corelink", "paths", "get", "walk", "merge", "check", "sfp", "scsi", "crc32c"),
-    *("xml-events", "ssha"),
-    *("send", "listen", "ask"),
+    *("xml-events", "ssha", "send", "listen", "ask"),
 )
 
 

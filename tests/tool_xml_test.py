@@ -28,6 +28,10 @@ class XmlEvents(ToolTest):
         for document in ("", "text", "<?xml?>", "<!DOCTYPE a>"):
             self.assertEqual(self.events(document), [])
 
+    def test_what_the_end_cuts_short_is_left_out(self):
+        for rest in ("text", "<b", '<b x="1" y="2', "</a", "<!--b", "&lt"):
+            self.assertEqual(self.events("<a>" + rest), ["start a"])
+
     def test_texts_stay_in_their_line(self):
         self.assertEqual(
             self.events(b'<a x="\n\t\\&quot;\x1b[2J">l1\r\n"\xc3\xb6\xff\0\xc2\x85<!--\n\x7f--></a>'),
