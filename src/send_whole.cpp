@@ -14,6 +14,17 @@ namespace
 {
 
 constexpr uint32_t slice_ms = 10;
+constexpr uint32_t short_message_ms = 250;
+constexpr uint32_t short_total_ms = 500;
+
+std::atomic<unsigned int> in_a_hurry; // how many short_waits live
+std::atomic<uint32_t> hurry_end;
+
+uint32_t time_left(uint32_t end, uint32_t now)
+{
+    const auto left = static_cast<int32_t>(end - now);
+    return left > 0 ? static_cast<uint32_t>(left) : 0;
+}
 
 // Takes what was sent off the front of the pieces.
 void advance(iovec *&pieces, size_t &count, size_t sent)
@@ -40,17 +51,28 @@ uint32_t clock_ms()
     return ms ? ms : 1;
 }
 
+short_waits::short_waits()
+{
+    hurry_end = clock_ms() + short_total_ms;
+    in_a_hurry++;
+}
+
+short_waits::~short_waits()
+{
+    in_a_hurry--;
+}
+
 bool send_patience::wait_for_room(int fd)
 {
     for (;;) {
         const uint32_t now = clock_ms();
         if (started_ == 0)
             started_ = now;
-        const uint32_t waited = now - started_;
-        const uint32_t stop_at = stop_at_;
-        uint32_t left = waited < limit_ms_ ? limit_ms_ - waited : 0;
-        if (stop_at != 0)
-            left = std::min(left, static_cast<int32_t>(stop_at - now) > 0 ? stop_at - now : 0);
+        uint32_t left = time_left(started_ + limit_ms_, now);
+        if (const uint32_t stop_at = stop_at_)
+            left = std::min(left, time_left(stop_at, now));
+        if (in_a_hurry != 0)
+            left = std::min({left, time_left(started_ + short_message_ms, now), time_left(hurry_end, now)});
 
         pollfd room = {fd, POLLOUT, 0};
         const int ready = poll(&room, 1, static_cast<int>(std::min(left, slice_ms)));

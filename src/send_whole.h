@@ -11,8 +11,21 @@ namespace qv
 // Milliseconds of the monotonic clock, which wrap; compare by difference. Never 0.
 uint32_t clock_ms();
 
+// While one lives, nobody in the process waits long for a client: a quarter of a second for each message, and
+// half a second from its beginning for all of them. For a stop, which prints and logs, and which waits for
+// threads that do.
+class short_waits
+{
+  public:
+    short_waits();
+    ~short_waits();
+    short_waits(const short_waits &) = delete;
+    short_waits &operator=(const short_waits &) = delete;
+};
+
 // How long the sends of one message may wait, all clients together: each of them had that time to read. While
-// one thread waits another may set *stop_at, a time of clock_ms, to end the wait earlier; 0 sets none.
+// one thread waits another may set *stop_at, a time of clock_ms, to end the wait earlier; 0 sets none. See
+// also short_waits.
 class send_patience
 {
   public:

@@ -146,6 +146,14 @@ class client
         setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
         hang_up();
     }
+    // Of its own end.
+    unsigned int port() const
+    {
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &size);
+        return ntohs(address.sin_port);
+    }
     bool has_input(int timeout_ms) const
     {
         pollfd input = {fd_, POLLIN, 0};
@@ -184,6 +192,34 @@ class client
     int fd_ = -1;
     std::string text_;
 };
+
+// The library's end of a client's connection, -1 when there is none.
+inline int other_end(const client &peer)
+{
+    for (int fd = 0; fd < 1024; fd++) {
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        if (getpeername(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0 &&
+            address.sin_family == AF_INET && ntohs(address.sin_port) == peer.port())
+            return fd;
+    }
+    return -1;
+}
+
+// Fills a connection until it takes nothing more: the next byte for that client must wait.
+inline void fill_up(const client &peer)
+{
+    const int fd = other_end(peer);
+    const std::string filler(65536, '.');
+    for (int refusals = 0; refusals < 20;) {
+        if (::send(fd, filler.data(), filler.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
+            refusals = 0;
+        else {
+            refusals++;
+            sleep_us(2000);
+        }
+    }
+}
 
 } // namespace peers
 

@@ -362,6 +362,17 @@ TEST(TelnetLogStop, IsPromptWheneverItComes)
     RecordProperty("longest_microseconds", static_cast<int>(longest * 1e6));
 }
 
+TEST_F(TelnetLog, IsFinishedAtOnceBesideAClientThatNeverReads)
+{
+    client stuck(port_, 1024);
+    await(feed_, stuck);
+    peers::fill_up(stuck);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tellog_finish(feed_), 0);
+    EXPECT_LT(peers::seconds_since(start), 1);
+    feed_ = nullptr;
+}
+
 // ---- As logging's own feed
 
 class LoggingFeed : public testing::Test
@@ -434,6 +445,22 @@ TEST_F(LoggingFeed, EndsWithLogging)
     EXPECT_TRUE(peer.read_to_end());
     qv_log(QV_LOG_TELNET, "nobody");
     EXPECT_EQ(peers::threads_named("qvl-tellog"), 0);
+}
+
+TEST_F(LoggingFeed, EndsAtOnceWhileAThreadWaitsForAClient)
+{
+    client stuck(port_, 1024), reader(port_);
+    await(stuck);
+    await(reader);
+    peers::fill_up(stuck);
+    std::thread waiting([] { qv_log(QV_LOG_TELNET, "waited"); });
+    peers::sleep_us(50000);
+    const auto start = std::chrono::steady_clock::now();
+    qv_log_exit();
+    EXPECT_LT(peers::seconds_since(start), 1);
+    waiting.join();
+    EXPECT_TRUE(reader.read_to_end());
+    EXPECT_THAT(reader.text(), EndsWith("TELNT: waited\n"));
 }
 
 TEST_F(LoggingFeed, IsKeptWhenLoggingIsStartedAgainWithoutOne)
