@@ -36,10 +36,18 @@ class send_patience
     send_patience(const send_patience &) = delete;
     send_patience &operator=(const send_patience &) = delete;
 
-    // Waits until the descriptor takes more, or has failed; false with errno EAGAIN when the time is up.
+    // Waits until a write to the descriptor does not block, or fails; false with errno EAGAIN when the time
+    // is up.
     bool wait_for_room(int fd);
 
+    // The same for a socket, on which a send does no harm that comes too early: for a slice of the time at
+    // most.
+    bool wait_shortly(int fd);
+
   private:
+    enum class outcome { ready, not_yet, time_is_up };
+    outcome wait_slice(int fd);
+
     const std::atomic<uint32_t> &stop_at_;
     uint32_t limit_ms_;
     uint32_t started_ = 0; // 0: nothing was waited for yet

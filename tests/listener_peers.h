@@ -163,13 +163,23 @@ class client
     const std::string &read_until(const std::string &end)
     {
         char buffer[4096];
-        while (text_.find(end) == std::string::npos && has_input(20000)) {
+        size_t seen = 0; // so far without `end`
+        while (text_.find(end, seen) == std::string::npos && has_input(20000)) {
+            seen = text_.size() < end.size() ? 0 : text_.size() - end.size();
             const ssize_t length = recv(fd_, buffer, sizeof buffer, 0);
             if (length <= 0)
                 break;
             text_.append(buffer, static_cast<size_t>(length));
         }
         return text_;
+    }
+    // Reads so many bytes, or fewer when there are no more.
+    void read_some(size_t size)
+    {
+        std::string buffer(size, '\0');
+        const ssize_t length = recv(fd_, buffer.data(), size, MSG_DONTWAIT);
+        if (length > 0)
+            text_.append(buffer, 0, static_cast<size_t>(length));
     }
     // Reads what there is until the other side ends the connection; false when it does not.
     bool read_to_end()

@@ -362,6 +362,30 @@ TEST(TelnetLogStop, IsPromptWheneverItComes)
     RecordProperty("longest_microseconds", static_cast<int>(longest * 1e6));
 }
 
+// What it reads in two seconds is little of what is under way to it, so the connection is never half empty.
+TEST_F(TelnetLog, KeepsAClientThatReadsSlowly)
+{
+    client slow(port_, 16384);
+    await(feed_, slow);
+    const int most = 1 << 20; // the system allows less
+    setsockopt(peers::other_end(slow), SOL_SOCKET, SO_SNDBUF, &most, sizeof most);
+    peers::fill_up(slow);
+    std::atomic<bool> done = false;
+    std::thread reading([&] {
+        for (; !done; peers::sleep_us(10000))
+            slow.read_some(512);
+        slow.read_until("last\n");
+    });
+    for (const char *text : {"one", "two", "last"})
+        send(feed_, 7, "%s", text);
+    EXPECT_NE(peers::other_end(slow), -1);
+    done = true;
+    reading.join();
+    const std::string &text = slow.text();
+    EXPECT_THAT(lines_of(text.substr(text.find_last_of('.') + 1)),
+                ElementsAre("DEBUG: one", "DEBUG: two", "DEBUG: last"));
+}
+
 TEST_F(TelnetLog, IsFinishedAtOnceBesideAClientThatNeverReads)
 {
     client stuck(port_, 1024);
