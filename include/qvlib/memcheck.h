@@ -44,7 +44,8 @@ void qv_free(void *ptr);
  *
  * Returns the block, or NULL; with a session the failure is logged. Release it with qv_memcheck_free.
  */
-void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *func, unsigned int line);
+void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *func, unsigned int line)
+    QV_CALLED_OFTEN;
 
 /*
  * Resizes a block; it is then recorded under the resizing function.
@@ -68,7 +69,7 @@ void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int
  *
  * Returns 0 without a session and for an unknown pointer, else the number of characters put on the console.
  */
-int qv_memcheck_free(void (*release)(void *), void *ptr, const char *where);
+int qv_memcheck_free(void (*release)(void *), void *ptr, const char *where) QV_CALLED_OFTEN;
 
 /*
  * Allocates a DMA block: recorded when a session runs, never marked, not counted among the total allocations.
