@@ -901,6 +901,7 @@ void use_everything(std::atomic<bool> &done, int number)
 
 TEST_F(MemdebugThreads, MayWorkWhileClientsComeAndGoAndTheConsoleDraws)
 {
+    const log_feed feed;
     listen();
     std::atomic<bool> done = false;
     std::vector<std::thread> threads;
@@ -908,7 +909,7 @@ TEST_F(MemdebugThreads, MayWorkWhileClientsComeAndGoAndTheConsoleDraws)
         threads.emplace_back([&, i] { use_everything(done, i); });
     threads.emplace_back([&] {
         for (int i = 0; !done; i++) {
-            client peer(port_, 0, 1);
+            client peer(i % 4 < 2 ? port_ : feed.port(), 0, 1);
             if (peer.is_connected() && peer.has_input(100) && i % 2)
                 peer.reset();
         }
