@@ -283,10 +283,15 @@ struct linked_list {
     }
     ~linked_list()
     {
+        clear();
+    }
+    void clear()
+    {
         for (q_elem *elem = head.next, *next; elem != &head; elem = next) {
             next = elem->next;
             free(elem);
         }
+        head.next = head.prev = &head;
     }
 };
 
@@ -302,6 +307,7 @@ void sort_list(benchmark::State &state)
         for (q_elem *elem = list.head.next; elem->next != &list.head; elem = elem->next)
             if (compare_elements(elem, elem->next) < 0)
                 fail("a list is not sorted");
+        list.clear();
         state.ResumeTiming();
     }
     report(state);

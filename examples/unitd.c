@@ -354,6 +354,10 @@ static void *serve_messages(void *argument)
         if (corelink_receive_msg_block(unit->fd, &source, &message) != 0) {
             if (errno == EINTR)
                 continue;
+            if (errno == EMSGSIZE) { /* nobody ended it; its memory is free again */
+                qv_log(QV_LOG_WARNING, "dropped a message of 4 GiB");
+                continue;
+            }
             if (errno == ESHUTDOWN)
                 return NULL;
             break;

@@ -38,7 +38,6 @@ constexpr int passes_per_table = 1000;
 constexpr int table_lines = 30;
 constexpr int separator_line = 33;
 constexpr size_t host_size = 128;
-constexpr uint32_t stop_grace_ms = 40; // for what stopping itself prints
 constexpr int signals_before_shutdown = 20;
 constexpr int blocks_per_turn = 32; // that are looked at before another thread gets the table
 
@@ -372,16 +371,18 @@ int qv_memcheck_stop(void)
     memdebug_session *session = claim_session();
     if (!session)
         return -1;
-    session->stop_at = (clock_ms() + stop_grace_ms) | 1; // 0 would set none
-    if (session->has_checker)
-        pthread_join(session->display_thread, nullptr);
-    log_functions(session);
-    print_line(session, 0, "%s", "=============== MemDebug  Top ===============");
-    draw_table(session);
-    print_line(session, table_lines - 1, "%s", "============= MemDebug Complete =============");
-    report_output_failures(session);
-    session->enabled = 0;
-    end_listener(session);
+    {
+        const short_waits hurry;
+        if (session->has_checker)
+            pthread_join(session->display_thread, nullptr);
+        log_functions(session);
+        print_line(session, 0, "%s", "=============== MemDebug  Top ===============");
+        draw_table(session);
+        print_line(session, table_lines - 1, "%s", "============= MemDebug Complete =============");
+        report_output_failures(session);
+        session->enabled = 0;
+        end_listener(session);
+    }
     close_session(session);
     return 0;
 }

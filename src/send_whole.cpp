@@ -1,4 +1,6 @@
-// Sends with an end. The waits are cut in slices, so that a stop is noticed while a send waits.
+// Sends with an end. The waits are cut in slices, so that a stop is noticed while a send waits, and so that a
+// client that reads slowly gets what there is room for: poll tells of a socket only when a third of its
+// buffer is free, which may take such a client longer than the time that it has.
 
 #include "send_whole.h"
 
@@ -14,6 +16,17 @@ namespace
 {
 
 constexpr uint32_t slice_ms = 10;
+constexpr uint32_t short_message_ms = 250;
+constexpr uint32_t short_total_ms = 500;
+
+std::atomic<unsigned int> in_a_hurry; // how many short_waits live
+std::atomic<uint32_t> hurry_end;
+
+uint32_t time_left(uint32_t end, uint32_t now)
+{
+    const auto left = static_cast<int32_t>(end - now);
+    return left > 0 ? static_cast<uint32_t>(left) : 0;
+}
 
 // Takes what was sent off the front of the pieces.
 void advance(iovec *&pieces, size_t &count, size_t sent)
@@ -40,27 +53,50 @@ uint32_t clock_ms()
     return ms ? ms : 1;
 }
 
+short_waits::short_waits()
+{
+    hurry_end = clock_ms() + short_total_ms;
+    in_a_hurry++;
+}
+
+short_waits::~short_waits()
+{
+    in_a_hurry--;
+}
+
+send_patience::outcome send_patience::wait_slice(int fd)
+{
+    const uint32_t now = clock_ms();
+    if (started_ == 0)
+        started_ = now;
+    uint32_t left = time_left(started_ + limit_ms_, now);
+    if (const uint32_t stop_at = stop_at_)
+        left = std::min(left, time_left(stop_at, now));
+    if (in_a_hurry != 0)
+        left = std::min({left, time_left(started_ + short_message_ms, now), time_left(hurry_end, now)});
+
+    pollfd room = {fd, POLLOUT, 0};
+    const int ready = poll(&room, 1, static_cast<int>(std::min(left, slice_ms)));
+    if (ready > 0)
+        return outcome::ready;
+    if (left != 0 && (ready == 0 || errno == EINTR))
+        return outcome::not_yet;
+    errno = EAGAIN;
+    return outcome::time_is_up;
+}
+
 bool send_patience::wait_for_room(int fd)
 {
-    for (;;) {
-        const uint32_t now = clock_ms();
-        if (started_ == 0)
-            started_ = now;
-        const uint32_t waited = now - started_;
-        const uint32_t stop_at = stop_at_;
-        uint32_t left = waited < limit_ms_ ? limit_ms_ - waited : 0;
-        if (stop_at != 0)
-            left = std::min(left, static_cast<int32_t>(stop_at - now) > 0 ? stop_at - now : 0);
+    outcome result;
+    do
+        result = wait_slice(fd);
+    while (result == outcome::not_yet);
+    return result == outcome::ready;
+}
 
-        pollfd room = {fd, POLLOUT, 0};
-        const int ready = poll(&room, 1, static_cast<int>(std::min(left, slice_ms)));
-        if (ready > 0)
-            return true;
-        if (left == 0 || (ready < 0 && errno != EINTR)) {
-            errno = EAGAIN;
-            return false;
-        }
-    }
+bool send_patience::wait_shortly(int fd)
+{
+    return wait_slice(fd) != outcome::time_is_up;
 }
 
 bool send_whole(int fd, iovec *pieces, size_t count, send_patience &patience)
@@ -73,7 +109,7 @@ bool send_whole(int fd, iovec *pieces, size_t count, send_patience &patience)
         const ssize_t sent = sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent >= 0)
             advance(pieces, count, static_cast<size_t>(sent));
-        else if (errno == EAGAIN ? !patience.wait_for_room(fd) : errno != EINTR)
+        else if (errno == EAGAIN ? !patience.wait_shortly(fd) : errno != EINTR)
             return false;
     }
     return true;

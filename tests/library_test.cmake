@@ -12,7 +12,7 @@ if(NOT SANITIZED) # sanitizers write beside every table
   add_test(NAME Library.SharesItsTablesAmongProcesses
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/shared_tables_test.sh $<TARGET_FILE:qvlib_static>)
 endif()
-foreach(document README.md docs/corelink.md docs/containers.md docs/hosting.md)
+foreach(document README.md docs/corelink.md docs/containers.md docs/hosting.md docs/xml.md)
   string(MAKE_C_IDENTIFIER ${document} name)
   add_test(NAME Samples.Of_${name}_PrintWhatTheySay
     COMMAND ${CMAKE_COMMAND} -DDOCUMENT=${PROJECT_SOURCE_DIR}/${document} -DCC=${CMAKE_C_COMPILER}

@@ -146,6 +146,14 @@ class client
         setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
         hang_up();
     }
+    // Of its own end.
+    unsigned int port() const
+    {
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &size);
+        return ntohs(address.sin_port);
+    }
     bool has_input(int timeout_ms) const
     {
         pollfd input = {fd_, POLLIN, 0};
@@ -155,13 +163,23 @@ class client
     const std::string &read_until(const std::string &end)
     {
         char buffer[4096];
-        while (text_.find(end) == std::string::npos && has_input(20000)) {
+        size_t seen = 0; // so far without `end`
+        while (text_.find(end, seen) == std::string::npos && has_input(20000)) {
+            seen = text_.size() < end.size() ? 0 : text_.size() - end.size();
             const ssize_t length = recv(fd_, buffer, sizeof buffer, 0);
             if (length <= 0)
                 break;
             text_.append(buffer, static_cast<size_t>(length));
         }
         return text_;
+    }
+    // Reads so many bytes, or fewer when there are no more.
+    void read_some(size_t size)
+    {
+        std::string buffer(size, '\0');
+        const ssize_t length = recv(fd_, buffer.data(), size, MSG_DONTWAIT);
+        if (length > 0)
+            text_.append(buffer, 0, static_cast<size_t>(length));
     }
     // Reads what there is until the other side ends the connection; false when it does not.
     bool read_to_end()
@@ -184,6 +202,34 @@ class client
     int fd_ = -1;
     std::string text_;
 };
+
+// The library's end of a client's connection, -1 when there is none.
+inline int other_end(const client &peer)
+{
+    for (int fd = 0; fd < 1024; fd++) {
+        sockaddr_in address = {};
+        socklen_t size = sizeof address;
+        if (getpeername(fd, reinterpret_cast<sockaddr *>(&address), &size) == 0 &&
+            address.sin_family == AF_INET && ntohs(address.sin_port) == peer.port())
+            return fd;
+    }
+    return -1;
+}
+
+// Fills a connection until it takes nothing more: the next byte for that client must wait.
+inline void fill_up(const client &peer)
+{
+    const int fd = other_end(peer);
+    const std::string filler(65536, '.');
+    for (int refusals = 0; refusals < 20;) {
+        if (::send(fd, filler.data(), filler.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
+            refusals = 0;
+        else {
+            refusals++;
+            sleep_us(2000);
+        }
+    }
+}
 
 } // namespace peers
 

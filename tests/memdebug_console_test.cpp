@@ -354,6 +354,107 @@ TEST_F(MemdebugStop, NeedsNoHandlerForTheSignal)
     interrupt_calls();
 }
 
+// The log's feed, for as long as it lives.
+class log_feed
+{
+  public:
+    log_feed()
+    {
+        const captured_stderr unseen;
+        qv_log_init("memdebug_console_test", QV_LOG_INFO, 0x20, 0, port_);
+    }
+    ~log_feed()
+    {
+        qv_log_exit();
+        start_console_log(QV_LOG_INFO);
+    }
+    log_feed(const log_feed &) = delete;
+    log_feed &operator=(const log_feed &) = delete;
+
+    unsigned int port() const
+    {
+        return port_;
+    }
+    static bool reaches(const client &peer)
+    {
+        return peers::eventually([&] {
+            qv_log(QV_LOG_TELNET, "awaited");
+            return peer.has_input(5);
+        });
+    }
+
+  private:
+    const unsigned int port_ = peers::free_port();
+};
+
+TEST_F(MemdebugStop, IsNotDelayedByAFeedClientThatNeverReads)
+{
+    const log_feed feed;
+    client stuck(feed.port(), 1024), reader(feed.port());
+    ASSERT_TRUE(feed.reaches(stuck));
+    ASSERT_TRUE(feed.reaches(reader));
+    for (const bool with_clients : {false, true}) {
+        with_clients ? listen() : start();
+        void *blocks[] = {block_of(16, "one"), block_of(16, "two"), block_of(32, "two")};
+        if (!with_clients)
+            peers::fill_up(stuck);
+        const auto began = std::chrono::steady_clock::now();
+        stop();
+        EXPECT_LT(peers::seconds_since(began), 1);
+        const std::string &text = reader.read_until("Func:  one\n");
+        EXPECT_THAT(text, AllOf(HasSubstr("INFOR: Total:   48 Ave:   24 Func:  two\n"),
+                                HasSubstr("INFOR: Total:   16 Ave:   16 Func:  one\n")));
+        reader.text().clear();
+        for (void *block : blocks)
+            free(block);
+    }
+    EXPECT_EQ(peers::other_end(stuck), -1); // dropped
+}
+
+TEST_F(MemdebugStop, IsNotDelayedByAThreadThatWaitsForAFeedClient)
+{
+    const log_feed feed;
+    client stuck(feed.port(), 1024), reader(feed.port());
+    ASSERT_TRUE(feed.reaches(stuck));
+    ASSERT_TRUE(feed.reaches(reader));
+    start();
+    void *block = block_of(16, "one");
+    peers::fill_up(stuck);
+    std::thread waiting([] { qv_log(QV_LOG_TELNET, "waited"); });
+    peers::sleep_us(50000);
+    const auto began = std::chrono::steady_clock::now();
+    stop();
+    EXPECT_LT(peers::seconds_since(began), 1);
+    waiting.join();
+    EXPECT_THAT(reader.read_until("Func:  one\n"), HasSubstr("TELNT: waited\n"));
+    EXPECT_THAT(reader.text(), EndsWith("Func:  one\n"));
+    free(block);
+}
+
+// Of a terminal, nobody reads the other end.
+TEST_F(MemdebugStop, IsNotDelayedByATerminalThatTakesNothing)
+{
+    const int other_end = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_TRUE(other_end >= 0 && grantpt(other_end) == 0 && unlockpt(other_end) == 0);
+    const int terminal = open(ptsname(other_end), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    ASSERT_GE(terminal, 0);
+    std::atomic<bool> done = false;
+    std::thread stuck([&] {
+        const captured_stderr unseen;
+        EXPECT_EQ(qv_memcheck_start(nullptr, terminal, noting_hook), 0);
+        for (int i = 0; i < 3000; i++)
+            release(block_of(12, "f"));
+        const auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(qv_memcheck_stop(), 0);
+        EXPECT_LT(peers::seconds_since(began), 1);
+        done = true;
+    });
+    EXPECT_TRUE(peers::eventually([&] { return done.load(); }));
+    close(other_end); // ends a write that waits for ever
+    stuck.join();
+    close(terminal);
+}
+
 // The allocator of a thread that is inside the session for long.
 std::atomic<int> inside; // 1 while the allocator waits, 2 lets it go on
 
@@ -659,6 +760,28 @@ TEST_F(MemdebugClients, ThatNeverReadDoNotDelayTheStop)
     filling.join();
 }
 
+TEST_F(MemdebugClients, ThatReadLateSeeTheEndBesideOneThatNeverReads)
+{
+    listen();
+    client stuck(port_, 1024), late(port_, 1024);
+    ASSERT_TRUE(stuck.has_input(20000));
+    ASSERT_TRUE(late.has_input(20000));
+    {
+        const qv::table_guard unchecked(qv::running_session()); // the checker draws nothing meanwhile
+        peers::fill_up(stuck);
+        peers::fill_up(late);
+    }
+    std::thread reading([&] {
+        peers::sleep_us(60000);
+        late.read_to_end();
+    });
+    const auto began = std::chrono::steady_clock::now();
+    stop();
+    EXPECT_LT(peers::seconds_since(began), 1);
+    reading.join();
+    EXPECT_NE(late.text().find("MemDebug Complete"), std::string::npos);
+}
+
 TEST_F(MemdebugClients, CannotComeToAPortInUse)
 {
     const int other = socket(AF_INET, SOCK_STREAM, 0);
@@ -778,6 +901,7 @@ void use_everything(std::atomic<bool> &done, int number)
 
 TEST_F(MemdebugThreads, MayWorkWhileClientsComeAndGoAndTheConsoleDraws)
 {
+    const log_feed feed;
     listen();
     std::atomic<bool> done = false;
     std::vector<std::thread> threads;
@@ -785,7 +909,7 @@ TEST_F(MemdebugThreads, MayWorkWhileClientsComeAndGoAndTheConsoleDraws)
         threads.emplace_back([&, i] { use_everything(done, i); });
     threads.emplace_back([&] {
         for (int i = 0; !done; i++) {
-            client peer(port_, 0, 1);
+            client peer(i % 4 < 2 ? port_ : feed.port(), 0, 1);
             if (peer.is_connected() && peer.has_input(100) && i % 2)
                 peer.reset();
         }

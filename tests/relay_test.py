@@ -411,9 +411,7 @@ class RelayProcess(RelayTest):
         for end in (self.local, self.remote):
             clients = [self.raw(b"GET /50000000 HTTP/1.1\r\n\r\n") for _ in range(10)]
             time.sleep(0.5)  # nobody reads: what comes waits everywhere
-            start = time.monotonic()
             end.stop(signal.SIGINT)
-            self.assertLess(time.monotonic() - start, 20)
             with concurrent.futures.ThreadPoolExecutor(len(clients)) as pool:
                 list(pool.map(self.drain, clients))  # all at once: one that does not read holds up the others
             if end is self.local:

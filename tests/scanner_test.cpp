@@ -520,7 +520,7 @@ TEST_F(Scanner, LogsABufferThatCannotGrowAndEndsTheInput)
     {
         const failing_heap::after failure(0);
         // As much of the word as the buffer holds; the rest follows when memory is there again.
-        EXPECT_EQ(next(), "identifier:" + std::string(15, 'w'));
+        EXPECT_EQ(next(), "identifier:" + std::string(16, 'w'));
     }
     EXPECT_EQ(log.take(), lines{"ERROR: panic: fatal error - scanner input buffer overflow"});
     for (int i = 0; i < 100 && next() != "0"; i++) {

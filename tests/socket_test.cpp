@@ -81,8 +81,10 @@ int __wrap_getaddrinfo(const char *node, const char *service, const addrinfo *hi
         return 0;
     }
     const int code = __real_getaddrinfo(node, service, hints, list);
-    if (code == 0)
+    if (code == 0) {
         seen.lists.insert(*list);
+        errno = ENOENT; // of a file that it looked for; callers must not report it
+    }
     return code;
 }
 
@@ -98,8 +100,13 @@ int __wrap_getnameinfo(const sockaddr *address, socklen_t size, char *host, sock
                        socklen_t servicelen, int flags)
 {
     EXPECT_EQ(flags, NI_NUMERICHOST);
-    if (fails("getnameinfo"))
+    EXPECT_EQ(servicelen, service ? 32u : 0u);
+    const int before = errno;
+    if (fails("getnameinfo")) {
+        if (seen.name_code != EAI_SYSTEM)
+            errno = before; // the resolver's own failures have no error number
         return seen.name_code;
+    }
     return __real_getnameinfo(address, size, host, hostlen, service, servicelen, flags);
 }
 
@@ -407,6 +414,14 @@ TEST_F(QvsockConnect, SetsBothBuffers)
     EXPECT_EQ(option_of(client, SO_SNDBUF), 2 * 16384);
 }
 
+TEST_F(QvsockConnect, SetsTheBuffersBeforeTheInterface)
+{
+    const std::string service = service_of(listener());
+    seen.options.clear();
+    EXPECT_GE(keep(connect_to(service, 0, 16384, "lo")), 0);
+    EXPECT_THAT(seen.options, ElementsAre(SO_SNDBUF, SO_RCVBUF, SO_BINDTODEVICE));
+}
+
 TEST_F(QvsockConnect, BindsToAnInterface)
 {
     log_lines log;
@@ -602,6 +617,12 @@ TEST_F(QvsockListen, SetsBroadcastOnADatagramSocketAndDoesNotListen)
     EXPECT_THAT(seen.backlogs, IsEmpty());
     const int plain = keep(qvsock_listen(&datagram, "127.0.0.1", "0", 0, 0, 0));
     EXPECT_EQ(option_of(plain, SO_BROADCAST), 0);
+}
+
+TEST_F(QvsockListen, SetsTheBuffersThenReuseThenBroadcast)
+{
+    EXPECT_GE(keep(qvsock_listen(&datagram, "127.0.0.1", "0", 1, 0, 16384)), 0);
+    EXPECT_THAT(seen.options, ElementsAre(SO_SNDBUF, SO_RCVBUF, SO_REUSEADDR, SO_BROADCAST));
 }
 
 TEST_F(QvsockListen, SetsFlagsAndBuffersAndLeavesHintsUnchanged)

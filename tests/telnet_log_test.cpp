@@ -362,6 +362,41 @@ TEST(TelnetLogStop, IsPromptWheneverItComes)
     RecordProperty("longest_microseconds", static_cast<int>(longest * 1e6));
 }
 
+// What it reads in two seconds is little of what is under way to it, so the connection is never half empty.
+TEST_F(TelnetLog, KeepsAClientThatReadsSlowly)
+{
+    client slow(port_, 16384);
+    await(feed_, slow);
+    const int most = 1 << 20; // the system allows less
+    setsockopt(peers::other_end(slow), SOL_SOCKET, SO_SNDBUF, &most, sizeof most);
+    peers::fill_up(slow);
+    std::atomic<bool> done = false;
+    std::thread reading([&] {
+        for (; !done; peers::sleep_us(10000))
+            slow.read_some(512);
+        slow.read_until("last\n");
+    });
+    for (const char *text : {"one", "two", "last"})
+        send(feed_, 7, "%s", text);
+    EXPECT_NE(peers::other_end(slow), -1);
+    done = true;
+    reading.join();
+    const std::string &text = slow.text();
+    EXPECT_THAT(lines_of(text.substr(text.find_last_of('.') + 1)),
+                ElementsAre("DEBUG: one", "DEBUG: two", "DEBUG: last"));
+}
+
+TEST_F(TelnetLog, IsFinishedAtOnceBesideAClientThatNeverReads)
+{
+    client stuck(port_, 1024);
+    await(feed_, stuck);
+    peers::fill_up(stuck);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(tellog_finish(feed_), 0);
+    EXPECT_LT(peers::seconds_since(start), 1);
+    feed_ = nullptr;
+}
+
 // ---- As logging's own feed
 
 class LoggingFeed : public testing::Test
@@ -434,6 +469,22 @@ TEST_F(LoggingFeed, EndsWithLogging)
     EXPECT_TRUE(peer.read_to_end());
     qv_log(QV_LOG_TELNET, "nobody");
     EXPECT_EQ(peers::threads_named("qvl-tellog"), 0);
+}
+
+TEST_F(LoggingFeed, EndsAtOnceWhileAThreadWaitsForAClient)
+{
+    client stuck(port_, 1024), reader(port_);
+    await(stuck);
+    await(reader);
+    peers::fill_up(stuck);
+    std::thread waiting([] { qv_log(QV_LOG_TELNET, "waited"); });
+    peers::sleep_us(50000);
+    const auto start = std::chrono::steady_clock::now();
+    qv_log_exit();
+    EXPECT_LT(peers::seconds_since(start), 1);
+    waiting.join();
+    EXPECT_TRUE(reader.read_to_end());
+    EXPECT_THAT(reader.text(), EndsWith("TELNT: waited\n"));
 }
 
 TEST_F(LoggingFeed, IsKeptWhenLoggingIsStartedAgainWithoutOne)

@@ -52,6 +52,13 @@ struct sent_datagram {
     bool has_control;
 };
 
+// What a recv or recvmsg looked like: sizes and places of its pieces.
+struct read_call {
+    int flags;
+    std::vector<size_t> pieces;
+    std::vector<const void *> places;
+};
+
 // What stands in for, or watches, the wrapped calls.
 struct call_hooks {
     std::function<ssize_t(const msghdr *)> sendmsg; // -2: do the real call
@@ -60,10 +67,12 @@ struct call_hooks {
     std::function<void *(void *, size_t)> realloc;
     std::function<void(int)> after_peek;
     std::vector<sent_datagram> sent;
+    std::vector<read_call> peeked, read;
     std::vector<size_t> grown;  // sizes asked of realloc
     void *last_block = nullptr; // given to the last realloc that failed
     bool watch = false;         // fill new memory with a pattern, note what is asked for
     size_t known = 0;           // bytes of the block that hold something
+    size_t first_block = 0;     // the size last asked of malloc before the first peek
 };
 call_hooks hooks;
 
@@ -104,6 +113,14 @@ ssize_t __wrap_sendmsg(int fd, const msghdr *message, int flags)
 
 ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
 {
+    if (hooks.watch) {
+        read_call seen = {flags, {}, {}};
+        for (size_t i = 0; i < message->msg_iovlen; i++) {
+            seen.pieces.push_back(message->msg_iov[i].iov_len);
+            seen.places.push_back(message->msg_iov[i].iov_base);
+        }
+        hooks.read.push_back(seen);
+    }
     if (fails("recvmsg"))
         return -1;
     const ssize_t result = hooks.recvmsg ? hooks.recvmsg(message) : -2;
@@ -112,6 +129,8 @@ ssize_t __wrap_recvmsg(int fd, msghdr *message, int flags)
 
 ssize_t __wrap_recv(int fd, void *data, size_t size, int flags)
 {
+    if (hooks.watch)
+        hooks.peeked.push_back({flags, {size}, {data}});
     if (fails("recv"))
         return -1;
     ssize_t result = hooks.recv ? hooks.recv(data) : -2;
@@ -127,6 +146,8 @@ void *__wrap_malloc(size_t size)
     if (fails("malloc"))
         return nullptr;
     void *block = __real_malloc(size);
+    if (hooks.peeked.empty())
+        hooks.first_block = size;
     if (hooks.watch && block)
         memset(block, stale, size);
     hooks.known = size;
@@ -594,6 +615,52 @@ TEST_F(CorelinkReceiveMsgBlock, JoinsThreeFragmentsBehindTheFirstHeader)
     EXPECT_EQ(message.body(), body);
 }
 
+TEST_F(CorelinkReceiveMsgBlock, PeeksAtEachHeaderAndReadsThePayloadIntoItsPlace)
+{
+    ASSERT_EQ(send(header_of("two"), pattern(4099)), 0);
+    hooks.watch = true;
+    static unsigned char room[2 * (48 + 4099)]; // a block that stays where it is
+    const void *first = nullptr;
+    received message;
+    hooks.realloc = [&first](void *block, size_t) -> void * {
+        if (block == room)
+            return block;
+        first = block;
+        memcpy(room, block, 48);
+        free(block);
+        return room;
+    };
+    EXPECT_EQ(message.from(receiver), 0);
+    hooks.watch = false;
+    EXPECT_EQ(message.buffer.data, room);
+    EXPECT_EQ(message.body(), pattern(4099));
+    message.buffer.data = nullptr;
+
+    EXPECT_EQ(hooks.first_block, 48u);
+    ASSERT_EQ(hooks.peeked.size(), 2u);
+    ASSERT_EQ(hooks.read.size(), 2u);
+    EXPECT_EQ(hooks.peeked[0].places[0], first);
+    EXPECT_EQ(hooks.peeked[1].places[0], hooks.read[1].places[0]); // apart from what was collected
+    for (size_t i = 0; i < 2; i++) {
+        EXPECT_EQ(hooks.peeked[i].flags, MSG_PEEK);
+        EXPECT_THAT(hooks.peeked[i].pieces, ElementsAre(48));
+        EXPECT_EQ(hooks.read[i].flags, MSG_WAITALL);
+        EXPECT_THAT(hooks.read[i].pieces, ElementsAre(48, i == 0 ? 4096 : 3));
+        EXPECT_EQ(hooks.read[i].places[1], room + 48 + i * 4096);
+    }
+}
+
+TEST_F(CorelinkReceiveMsgBlock, ZeroesTheSourceAlsoWhenNothingComes)
+{
+    fcntl(receiver, F_SETFL, O_NONBLOCK);
+    sockaddr_in source;
+    memset(&source, 0xff, sizeof source);
+    received message;
+    EXPECT_EQ(message.from(receiver, &source), -1);
+    const sockaddr_in zero = {};
+    EXPECT_EQ(memcmp(&source, &zero, sizeof source), 0);
+}
+
 TEST_F(CorelinkReceiveMsgBlock, TellsTheSenderOfTheLastFragment)
 {
     send_claim(1, {'a'}, false);
@@ -699,6 +766,14 @@ TEST_F(CorelinkReceiveMsgBlock, MovesWhatItCollectedAFewTimesInAll)
 {
     hooks.watch = true;
     constexpr size_t length = 1 << 20; // 256 fragments
+    std::atomic<int> sent = 0, read = 0;
+    hooks.after_peek = [&](int) { read++; };
+    hooks.sendmsg = [&](const msghdr *) -> ssize_t {
+        while (sent - read > 20) // what the smallest buffer holds
+            std::this_thread::yield();
+        sent++;
+        return -2;
+    };
     std::thread other([&] { EXPECT_EQ(send(header_of("big"), pattern(length)), 0); });
     received message;
     EXPECT_EQ(message.from(receiver), 0);

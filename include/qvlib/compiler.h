@@ -1,5 +1,6 @@
-/* What the library's headers need of the compiler: C linkage, visibility, checked format strings, and a mark for
- * what C99 has and C++ has as an extension (flexible array members). */
+/* What the library's headers need of the compiler: C linkage, visibility, checked format strings, a mark for
+ * what C99 has and C++ has as an extension (flexible array members), and one for functions that are called as often
+ * as malloc: position-independent programs call them without the jump through their linkage table. */
 #ifndef QVLIB_COMPILER_H
 #define QVLIB_COMPILER_H
 
@@ -13,6 +14,14 @@
 #define QV_EXTENSION
 #define QV_VISIBILITY_PUSH
 #define QV_VISIBILITY_POP
+#endif
+
+#define QV_CALLED_OFTEN
+#if defined(__x86_64__) && defined(__has_attribute)
+#if __has_attribute(noplt)
+#undef QV_CALLED_OFTEN
+#define QV_CALLED_OFTEN __attribute__((noplt))
+#endif
 #endif
 
 #ifdef __cplusplus

@@ -44,7 +44,8 @@ void qv_free(void *ptr);
  *
  * Returns the block, or NULL; with a session the failure is logged. Release it with qv_memcheck_free.
  */
-void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *func, unsigned int line);
+void *qv_memcheck_malloc(void *(*allocator)(size_t), size_t size, const char *func, unsigned int line)
+    QV_CALLED_OFTEN;
 
 /*
  * Resizes a block; it is then recorded under the resizing function.
@@ -68,7 +69,7 @@ void *qv_memcheck_realloc(void *ptr, size_t size, const char *func, unsigned int
  *
  * Returns 0 without a session and for an unknown pointer, else the number of characters put on the console.
  */
-int qv_memcheck_free(void (*release)(void *), void *ptr, const char *where);
+int qv_memcheck_free(void (*release)(void *), void *ptr, const char *where) QV_CALLED_OFTEN;
 
 /*
  * Allocates a DMA block: recorded when a session runs, never marked, not counted among the total allocations.
@@ -106,8 +107,10 @@ int qv_memcheck_start(const char *service, int output_fd, void (*error_hook)(int
  * and clients, and forgets the blocks. The functions here are plain allocation afterwards.
  *
  * The listener is woken by SIGUSR1, so the host has a handler for it that lets a blocked accept return; without
- * one the port is shut down instead. It does not wait for clients, and for threads that are inside a function of
- * this header only for a moment; what they use is then released by a later stop.
+ * one the port is shut down instead. Until it returns no client of the console or of the telnet log is waited for
+ * longer than a quarter of a second, all together half a second; one that made no room by then is dropped. For
+ * threads that are inside a function of this header it waits only for a moment; what they use is then released by
+ * a later stop.
  *
  * Returns 0, or -1: without a session, while another thread stops it, and with errno EDEADLK when the error hook
  * calls it in one of the session's own threads.

@@ -48,6 +48,7 @@ int tellog_finish(void *handle);
  *
  * A client whose connection has failed is dropped. So is one that has made no room for the message two
  * seconds after it was logged; those two seconds are for all clients together, and the caller waits for them.
+ * While qv_memcheck_stop runs they are a quarter of a second.
  * A message that memory is short for is dropped. Returns nothing and leaves errno as it was.
  * Threads: any; the messages of several threads reach each client whole and in one order.
  */

@@ -7,12 +7,16 @@
 
 #include <cstdint>
 #include <qvlib/corelink.h>
-#include <qvlib/scanner.h>
+
+#include "tree.h"
 
 namespace qv
 {
 
 enum class build_result { done, syntax_error, out_of_memory };
+
+// Frees a record that the reader made; null too.
+void free_cursor(clparse_node *cursor);
 
 class tree_builder
 {
@@ -25,30 +29,75 @@ class tree_builder
     tree_builder &operator=(const tree_builder &) = delete;
 
     // The cursor takes a value. A string is handed over.
-    void set_string(char *text);
-    void set_number(uint64_t number);
-    void set_boolean(unsigned char boolean);
+    void set_string(char *text)
+    {
+        head_->cursor->type = CLPARSE_TYPE_STRING;
+        head_->cursor->value.str = text;
+    }
+    void set_number(uint64_t number)
+    {
+        head_->cursor->type = CLPARSE_TYPE_NUMBER;
+        head_->cursor->value.num = number;
+    }
+    void set_boolean(unsigned char boolean)
+    {
+        head_->cursor->type = CLPARSE_TYPE_BOOLEAN;
+        head_->cursor->value.boolean = boolean;
+    }
 
     // "{" or "[": the cursor gets an empty children list, and a new cursor fills it.
-    build_result open();
+    build_result open()
+    {
+        clparse_node *container = head_->cursor;
+        container->value.children = clparse_create_node(nullptr);
+        return container->value.children ? next_cursor(container) : build_result::out_of_memory;
+    }
 
     // "}" or "]": the container is the cursor again.
-    void close(int type);
+    void close(int type)
+    {
+        clparse_node *done = head_->cursor;
+        head_->cursor = done->parent;
+        head_->cursor->type = type;
+        free_cursor(spare_);
+        spare_ = done;
+    }
 
     // The cursor is complete: it is linked into its container and a new cursor follows it. A tag is handed
-    // over.
-    build_result add_null(char *tag);
-    build_result add_member(char *tag);
-    build_result add_element();
+    // over; without one the cursor is an element.
+    build_result add(char *tag)
+    {
+        clparse_node *complete = head_->cursor;
+        complete->tag = tag;
+        link_last(complete->parent, complete);
+        return next_cursor(complete->parent);
+    }
+    build_result add_null(char *tag)
+    {
+        head_->cursor->type = CLPARSE_TYPE_NULL;
+        return add(tag);
+    }
 
     // "prefix.": the last child with this tag, or a new struct, is the container until leave_prefix.
     build_result enter_prefix(char *tag);
-    void leave_prefix();
+    void leave_prefix()
+    {
+        head_->cursor->parent = head_->cursor->parent->parent;
+    }
 
   private:
     struct container_index;
 
-    build_result next_cursor(clparse_node *parent);
+    build_result next_cursor(clparse_node *parent)
+    {
+        clparse_node *cursor = clparse_create_node(spare_);
+        spare_ = nullptr;
+        if (!cursor)
+            return build_result::out_of_memory;
+        cursor->parent = parent;
+        head_->cursor = cursor;
+        return build_result::done;
+    }
     clparse_node *find_last_child(clparse_node *container, const char *tag);
     container_index *index_of(clparse_node *sentinel);
 
@@ -58,7 +107,3 @@ class tree_builder
 };
 
 } // namespace qv
-
-// What the generated parser calls: the exported scanner and error reporter.
-int grammar_lex(union clparse_token *value, void *scanner);
-void grammar_error(void *scanner, clparse_head *head, qv::tree_builder *builder, const char *message);

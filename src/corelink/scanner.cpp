@@ -1,42 +1,37 @@
-// The corelink scanner: flex's tables and matching loop, and the reentrant interface around them.
+// The reentrant scanner's exported interface: buffers over texts and streams, their stack, and the accessors.
 //
-// The generated scanner ends the process when it cannot go on. Here it never does: whatever a generated
-// function needs is made before it is called (a slot in the stack of buffers, a buffer), functions that
-// allocate are written out below, and a buffer that cannot grow ends the input. The generated functions carry
-// the prefix "flex"; the exported ones are at the end.
+// It keeps the contract of flex's reentrant scanners, but never ends the process where those do: what can't
+// go on is logged, and a buffer that can't grow ends the input.
+
+#include "scanner.h"
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <unistd.h>
 
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
-#include <qvlib/scanner.h>
+
+#include "../guard.h"
 
 static_assert(sizeof(union clparse_token) == 8);
 
-// What a scanner holds beside the generated state.
-struct scanner_extra {
-    void *user_data;
-    bool full; // the buffer could not grow to hold a token
-};
+namespace qv
+{
 
 namespace
 {
 
-int boolean_token(clparse_token &value, bool boolean)
-{
-    value.boolean = boolean;
-    return CLPARSE_TOKEN_BOOLEAN;
-}
+constexpr size_t largest_buffer = size_t{1} << 29; // a token's length is an int
+constexpr int smallest_buffer = 16;
+constexpr int stream_buffer = 16384;
 
-// strtoull gives the largest value for a number that is too large.
-int number_token(clparse_token &value, const char *text, int base)
+void panic(const char *message)
 {
-    value.num = strtoull(text, nullptr, base);
-    return CLPARSE_TOKEN_NUMBER;
+    __qv_log(QV_LOG_ERROR, "panic: %s", message);
 }
 
 char *allocate_text(size_t length)
@@ -44,175 +39,131 @@ char *allocate_text(size_t length)
     return static_cast<char *>(qv_memcheck_malloc(malloc, length + 1, "yylex", __LINE__));
 }
 
-int text_token(clparse_token &value, const char *text, int length)
-{
-    const auto size = static_cast<size_t>(length);
-    value.str = allocate_text(size);
-    if (!value.str)
-        return CLPARSE_TOKEN_INVALID;
-    memcpy(value.str, text, size);
-    value.str[size] = '\0';
-    return CLPARSE_TOKEN_IDENTIFIER;
-}
-
 // Only an escaped quote and an escaped backslash are undone; every other pair stays as it is written.
-bool is_undone(const char *at, const char *end)
-{
-    return *at == '\\' && at + 1 < end && (at[1] == '"' || at[1] == '\\');
-}
-
-size_t unescaped_length(const char *text, const char *end)
-{
-    auto length = static_cast<size_t>(end - text);
-    while ((text = static_cast<const char *>(memchr(text, '\\', static_cast<size_t>(end - text))))) {
-        length -= is_undone(text, end);
-        text += 2; // a backslash in a string always has a successor
-    }
-    return length;
-}
-
 void unescape(char *to, const char *text, const char *end)
 {
-    while (const auto *backslash =
-               static_cast<const char *>(memchr(text, '\\', static_cast<size_t>(end - text)))) {
+    for (;;) {
+        const auto rest = static_cast<size_t>(end - text);
+        const auto *backslash = static_cast<const char *>(memchr(text, '\\', rest));
+        if (!backslash) {
+            memcpy(to, text, rest);
+            return;
+        }
         const auto plain = static_cast<size_t>(backslash - text);
         memcpy(to, text, plain);
         to += plain;
-        if (!is_undone(backslash, end))
+        if (backslash[1] != '"' && backslash[1] != '\\')
             *to++ = '\\';
-        *to++ = backslash[1];
+        *to++ = backslash[1]; // in a string a backslash always has a successor
         text = backslash + 2;
     }
-    memcpy(to, text, static_cast<size_t>(end - text));
 }
 
-int string_token(clparse_token &value, const char *text, int length)
+// A tracked copy; null when memory is short.
+char *copy_word(const char *text, size_t length)
 {
-    const char *end = text + length;
-    const size_t size = unescaped_length(text, end);
-    value.str = allocate_text(size);
-    if (!value.str)
-        return CLPARSE_TOKEN_INVALID;
-    unescape(value.str, text, end);
-    value.str[size] = '\0';
-    return CLPARSE_TOKEN_STRING;
+    char *copy = allocate_text(length);
+    if (copy) {
+        memcpy(copy, text, length);
+        copy[length] = '\0';
+    }
+    return copy;
 }
 
-// A character is its own kind, but a NUL byte must not pass for the end of the text.
-int stray_token(char c)
+// The same of what stands between a string's quotes, where `escapes` pairs stand for one character.
+char *copy_string(const char *text, size_t length, size_t escapes)
 {
-    return c == '\0' ? int{CLPARSE_TOKEN_INVALID} : int{static_cast<unsigned char>(c)};
+    if (escapes == 0)
+        return copy_word(text, length);
+    char *copy = allocate_text(length - escapes);
+    if (copy) {
+        unescape(copy, text, text + length);
+        copy[length - escapes] = '\0';
+    }
+    return copy;
 }
 
-void panic(const char *message)
+// ---- Buffers
+
+// Empties a buffer; its stream is read again.
+void empty(yy_buffer_state *buffer)
 {
-    __qv_log(QV_LOG_ERROR, "panic: %s", message);
+    buffer->count = buffer->at = 0;
+    buffer->base[0] = buffer->base[1] = '\0';
+    buffer->status = yy_buffer_state::fresh;
 }
 
-int read_input(void *scanner, char *to, int room);
-
-} // namespace
-
-#define YYSTYPE union clparse_token
-#define YY_FATAL_ERROR(message) panic(message)
-#define YY_INPUT(buffer, result, room) (result) = read_input(yyscanner, (buffer), (room))
-
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wconversion"
-#pragma GCC diagnostic ignored "-Wsign-conversion"
-#pragma GCC diagnostic ignored "-Wnull-dereference"
-#pragma GCC diagnostic ignored "-Wunused-function"
-#include "corelink.lex.inc"
-#pragma GCC diagnostic pop
-
-// The generated code calls its own functions by these names; the exported functions bear them from here on.
-#undef yy_create_buffer
-#undef yy_delete_buffer
-#undef yy_scan_buffer
-#undef yy_scan_string
-#undef yy_scan_bytes
-#undef yy_flush_buffer
-#undef yy_switch_to_buffer
-#undef yypush_buffer_state
-#undef yypop_buffer_state
-#undef yylex
-#undef yyrestart
-#undef yylex_init
-#undef yylex_init_extra
-#undef yylex_destroy
-#undef yyget_debug
-#undef yyset_debug
-#undef yyget_extra
-#undef yyset_extra
-#undef yyget_in
-#undef yyset_in
-#undef yyget_out
-#undef yyset_out
-#undef yyget_leng
-#undef yyget_text
-#undef yyget_lineno
-#undef yyset_lineno
-#undef yyget_column
-#undef yyset_column
-#undef yyget_lval
-#undef yyset_lval
-#undef yyalloc
-#undef yyrealloc
-#undef yyfree
-
-namespace
+void attach_stream(yy_buffer_state *buffer, FILE *stream)
 {
-
-// A token of this size can't be held: the generated scanner doubles its buffer, in int arithmetic.
-constexpr size_t largest_buffer = size_t{1} << 29;
-constexpr int smallest_buffer = 16;
-
-yyguts_t *guts_of(void *scanner)
-{
-    return static_cast<yyguts_t *>(scanner);
+    const errno_guard kept;
+    empty(buffer);
+    buffer->stream = stream;
+    buffer->refills = true;
+    buffer->by_line = stream && isatty(fileno(stream));
 }
 
-yy_buffer_state *current_buffer(const yyguts_t *guts)
+// Keeps the scanner's place in its current buffer.
+void save_place(token_scanner *scanner)
 {
-    return guts->yy_buffer_stack ? guts->yy_buffer_stack[guts->yy_buffer_stack_top] : nullptr;
+    unmark_token(scanner);
+    if (yy_buffer_state *buffer = scanner->buffer()) {
+        buffer->at = static_cast<size_t>(scanner->at - buffer->base);
+        buffer->count = static_cast<size_t>(scanner->end - buffer->base);
+    }
 }
 
-// Makes room for one more buffer in the stack, so that the generated code need not.
-bool has_stack_room(yyguts_t *guts)
+// Goes on in the buffer that is on top of the stack now, if any.
+void load_place(token_scanner *scanner)
 {
-    if (guts->yy_buffer_stack && guts->yy_buffer_stack_top + 1 < guts->yy_buffer_stack_max)
+    yy_buffer_state *buffer = scanner->buffer();
+    scanner->terminated = false;
+    scanner->length = 0;
+    if (!buffer) {
+        scanner->at = scanner->end = const_cast<char *>(no_text);
+        scanner->text = nullptr;
+        scanner->refills = false;
+        return;
+    }
+    scanner->at = scanner->text = buffer->base + buffer->at;
+    scanner->end = buffer->base + buffer->count;
+    scanner->refills = buffer->refills;
+    scanner->in = buffer->stream;
+}
+
+// Makes room for one more buffer in the stack.
+bool has_stack_room(token_scanner *scanner)
+{
+    constexpr size_t step = 8;
+    if (scanner->top + 1 < scanner->buffer_room)
         return true;
-    const size_t count = guts->yy_buffer_stack_max + 8;
-    void *moved = realloc(guts->yy_buffer_stack, count * sizeof(yy_buffer_state *));
+    const size_t room = scanner->buffer_room + step;
+    void *moved = realloc(scanner->buffers, room * sizeof(yy_buffer_state *));
     if (!moved) {
         panic("out of dynamic memory in yyensure_buffer_stack()");
         return false;
     }
-    guts->yy_buffer_stack = static_cast<yy_buffer_state **>(moved);
-    memset(guts->yy_buffer_stack + guts->yy_buffer_stack_max, 0, 8 * sizeof(yy_buffer_state *));
-    guts->yy_buffer_stack_max = count;
+    scanner->buffers = static_cast<yy_buffer_state **>(moved);
+    memset(scanner->buffers + scanner->buffer_room, 0, step * sizeof(yy_buffer_state *));
+    scanner->buffer_room = room;
     return true;
 }
 
-// Makes sure that there is a buffer to read from: one over the input stream unless the caller gave one.
-bool has_buffer(yyguts_t *guts)
+bool grow(yy_buffer_state *buffer)
 {
-    if (current_buffer(guts))
-        return true;
-    if (!has_stack_room(guts))
+    const size_t room = buffer->room > 0 ? 2 * buffer->room : size_t{smallest_buffer};
+    void *moved = buffer->owned && room <= largest_buffer ? realloc(buffer->base, room + 2) : nullptr;
+    if (!moved) {
+        panic("fatal error - scanner input buffer overflow");
         return false;
-    if (!guts->yyin_r)
-        guts->yyin_r = stdin;
-    yy_buffer_state *buffer = yy_create_buffer(guts->yyin_r, YY_BUF_SIZE, guts);
-    if (!buffer)
-        return false;
-    flex_switch_to_buffer(buffer, guts);
+    }
+    buffer->base = static_cast<char *>(moved);
+    buffer->room = room;
     return true;
 }
 
-int read_line(FILE *stream, char *to, int room)
+size_t read_line(FILE *stream, char *to, size_t room)
 {
-    int count = 0;
+    size_t count = 0;
     for (int c = 0; count < room && c != '\n'; count++) {
         c = getc(stream);
         if (c == EOF)
@@ -222,23 +173,13 @@ int read_line(FILE *stream, char *to, int room)
     return count;
 }
 
-int read_input(void *scanner, char *to, int room)
+size_t read_stream(const yy_buffer_state *buffer, FILE *stream, char *to, size_t room)
 {
-    yyguts_t *guts = guts_of(scanner);
-    yy_buffer_state *buffer = current_buffer(guts);
-    if (guts->yyextra_r.full) {
-        guts->yyextra_r.full = false;
-        buffer->yy_buf_size /= 2; // the doubling that failed
-        return 0;
-    }
-    FILE *stream = guts->yyin_r;
     if (!stream)
         return 0;
     for (;;) {
         errno = 0;
-        const int count = buffer->yy_is_interactive
-                              ? read_line(stream, to, room)
-                              : static_cast<int>(fread(to, 1, static_cast<size_t>(room), stream));
+        const size_t count = buffer->by_line ? read_line(stream, to, room) : fread(to, 1, room, stream);
         if (count > 0 || !ferror(stream))
             return count;
         if (errno != EINTR) {
@@ -249,12 +190,56 @@ int read_input(void *scanner, char *to, int room)
     }
 }
 
-yy_buffer_state *allocate_buffer(const char *failure)
+// Reads more of the stream behind the current buffer for the token that begins at `from` and may go on behind
+// the text. False when the token is all there is.
+bool refill(token_scanner *scanner, const char *from)
+{
+    yy_buffer_state *buffer = scanner->buffer();
+    const auto kept = static_cast<size_t>(scanner->end - from);
+    size_t count = 0;
+    if (buffer->status == yy_buffer_state::fresh) {
+        buffer->stream = scanner->in;
+        buffer->status = yy_buffer_state::reading;
+    }
+    const bool reads = buffer->status == yy_buffer_state::reading;
+    if (reads) {
+        memmove(buffer->base, from, kept);
+        if (kept < buffer->room || grow(buffer))
+            count = read_stream(buffer, scanner->in, buffer->base + kept, buffer->room - kept);
+        scanner->text = scanner->at = buffer->base;
+        scanner->end = buffer->base + kept + count;
+        scanner->end[0] = scanner->end[1] = '\0';
+    }
+    // Behind its end a stream is read again, in case it has grown, but only when its last token was given.
+    if (count == 0)
+        buffer->status = kept > 0 ? yy_buffer_state::ended : yy_buffer_state::fresh;
+    return reads && kept + count > 0;
+}
+
+void release_buffer(yy_buffer_state *buffer)
+{
+    if (buffer->owned)
+        free(buffer->base);
+    free(buffer);
+}
+
+// A buffer over memory; null, with a message, when there is no memory for its record.
+yy_buffer_state *allocate_buffer(char *base, size_t room, bool owned, const char *failure)
 {
     auto *buffer = static_cast<yy_buffer_state *>(calloc(1, sizeof(yy_buffer_state)));
-    if (!buffer)
+    if (!buffer) {
         panic(failure);
+        return nullptr;
+    }
+    buffer->base = base;
+    buffer->room = room;
+    buffer->owned = owned;
     return buffer;
+}
+
+token_scanner *scanner_of(void *handle)
+{
+    return static_cast<token_scanner *>(handle);
 }
 
 [[noreturn]] void end_process(const char *message)
@@ -265,57 +250,107 @@ yy_buffer_state *allocate_buffer(const char *failure)
 
 } // namespace
 
-void *flexalloc(yy_size_t size, void *)
+int read_longer_token(token_scanner *scanner, clparse_token *value)
 {
-    return malloc(size);
+    lexeme token;
+    do
+        token = next_lexeme(scanner->at, scanner->end);
+    while (token.looked >= scanner->end && scanner->refills && refill(scanner, token.text));
+    if (token.kind == CLPARSE_TOKEN_END) {
+        scanner->text = scanner->at = scanner->end;
+        scanner->length = 0;
+        return token.kind;
+    }
+    scanner->text = const_cast<char *>(token.text);
+    scanner->length = static_cast<size_t>(token.after - token.text);
+    scanner->at = const_cast<char *>(token.after);
+    switch (token.kind) {
+    case CLPARSE_TOKEN_IDENTIFIER:
+        value->str = copy_word(token.text, scanner->length);
+        return value->str ? token.kind : CLPARSE_TOKEN_INVALID;
+    case CLPARSE_TOKEN_STRING:
+        value->str = copy_string(token.text + 1, scanner->length - 2, static_cast<size_t>(token.number));
+        return value->str ? token.kind : CLPARSE_TOKEN_INVALID;
+    case CLPARSE_TOKEN_NUMBER:
+        value->num = token.number;
+        return token.kind;
+    case CLPARSE_TOKEN_BOOLEAN:
+        value->boolean = *token.text == 't';
+        return token.kind;
+    default:
+        return token.kind;
+    }
 }
 
-// Called to grow a buffer. When that fails the old block stays in use, and read_input ends the input.
-void *flexrealloc(void *ptr, yy_size_t size, void *scanner)
+bool has_buffer(token_scanner *scanner)
 {
-    void *moved = size <= largest_buffer ? realloc(ptr, size) : nullptr;
-    if (moved)
-        return moved;
-    panic("fatal error - scanner input buffer overflow");
-    guts_of(scanner)->yyextra_r.full = true;
-    return ptr;
+    if (!scanner->out)
+        scanner->out = stdout;
+    if (scanner->buffer())
+        return true;
+    if (!has_stack_room(scanner))
+        return false;
+    if (!scanner->in)
+        scanner->in = stdin;
+    yy_buffer_state *buffer = yy_create_buffer(scanner->in, stream_buffer, scanner);
+    if (!buffer)
+        return false;
+    scanner->buffers[scanner->top] = buffer;
+    load_place(scanner);
+    return true;
 }
 
-void flexfree(void *ptr, void *)
-{
-    free(ptr);
-}
+} // namespace qv
+
+using namespace qv;
 
 int yylex(union clparse_token *value, void *scanner)
 {
-    if (!value || !scanner || !has_buffer(guts_of(scanner)))
+    token_scanner *s = scanner_of(scanner);
+    if (!value || !s || !has_buffer(s))
         return CLPARSE_TOKEN_END;
-    return flexlex(value, scanner);
+    s->value = value;
+    unmark_token(s);
+    const int kind = read_token(s, value);
+    mark_token(s);
+    return kind;
 }
 
 int yylex_init(void **scanner)
 {
-    return flexlex_init(scanner);
+    return yylex_init_extra(nullptr, scanner);
 }
 
 int yylex_init_extra(void *user_data, void **scanner)
-{
-    const int result = flexlex_init(scanner);
-    if (result == 0)
-        yyset_extra(user_data, *scanner);
-    return result;
-}
-
-int yylex_destroy(void *scanner)
 {
     if (!scanner) {
         errno = EINVAL;
         return 1;
     }
-    // The generated function releases the buffer on top of the stack only.
-    while (current_buffer(guts_of(scanner)))
-        flexpop_buffer_state(scanner);
-    return flexlex_destroy(scanner);
+    void *memory = malloc(sizeof(token_scanner));
+    *scanner = memory;
+    if (!memory) {
+        errno = ENOMEM;
+        return 1;
+    }
+    (new (memory) token_scanner{})->user_data = user_data;
+    return 0;
+}
+
+int yylex_destroy(void *scanner)
+{
+    token_scanner *s = scanner_of(scanner);
+    if (!s) {
+        errno = EINVAL;
+        return 1;
+    }
+    unmark_token(s);
+    for (size_t i = 0; i < s->buffer_room && i <= s->top; i++)
+        if (s->buffers[i])
+            release_buffer(s->buffers[i]);
+    free(s->buffers);
+    free(s);
+    return 0;
 }
 
 struct yy_buffer_state *yy_scan_string(const char *text, void *scanner)
@@ -348,7 +383,7 @@ struct yy_buffer_state *yy_scan_bytes(const char *bytes, int length, void *scann
         free(copy);
         return nullptr;
     }
-    buffer->yy_is_our_buffer = 1;
+    buffer->owned = true;
     return buffer;
 }
 
@@ -356,17 +391,14 @@ struct yy_buffer_state *yy_scan_buffer(char *base, size_t size, void *scanner)
 {
     if (!scanner || !base || size < 2 || size > INT_MAX || base[size - 2] || base[size - 1])
         return nullptr;
-    yyguts_t *guts = guts_of(scanner);
-    if (!has_stack_room(guts))
+    if (!has_stack_room(scanner_of(scanner)))
         return nullptr;
-    yy_buffer_state *buffer = allocate_buffer("out of dynamic memory in yy_scan_buffer()");
+    yy_buffer_state *buffer =
+        allocate_buffer(base, size - 2, false, "out of dynamic memory in yy_scan_buffer()");
     if (!buffer)
         return nullptr;
-    buffer->yy_buf_size = buffer->yy_n_chars = static_cast<int>(size - 2);
-    buffer->yy_buf_pos = buffer->yy_ch_buf = base;
-    buffer->yy_at_bol = 1;
-    buffer->yy_buffer_status = YY_BUFFER_NEW;
-    flex_switch_to_buffer(buffer, guts);
+    buffer->count = size - 2;
+    yy_switch_to_buffer(buffer, scanner);
     return buffer;
 }
 
@@ -375,58 +407,85 @@ struct yy_buffer_state *yy_create_buffer(FILE *stream, int size, void *scanner)
     constexpr const char *failure = "out of dynamic memory in yy_create_buffer()";
     if (!scanner)
         return nullptr;
-    if (size < smallest_buffer)
-        size = smallest_buffer;
-    yy_buffer_state *buffer = allocate_buffer(failure);
+    const size_t room = size < smallest_buffer ? size_t{smallest_buffer} : static_cast<size_t>(size);
+    yy_buffer_state *buffer = allocate_buffer(nullptr, room, true, failure);
     if (!buffer)
         return nullptr;
-    buffer->yy_ch_buf = static_cast<char *>(
-        static_cast<size_t>(size) <= largest_buffer ? malloc(static_cast<size_t>(size) + 2) : nullptr);
-    if (!buffer->yy_ch_buf) {
+    buffer->base = static_cast<char *>(room <= largest_buffer ? malloc(room + 2) : nullptr);
+    if (!buffer->base) {
         panic(failure);
         free(buffer);
         return nullptr;
     }
-    buffer->yy_buf_size = size;
-    buffer->yy_is_our_buffer = 1;
-    flex_init_buffer(buffer, stream, scanner);
+    buffer->line = 1;
+    attach_stream(buffer, stream);
     return buffer;
 }
 
 void yy_delete_buffer(struct yy_buffer_state *buffer, void *scanner)
 {
-    if (scanner)
-        flex_delete_buffer(buffer, scanner);
+    token_scanner *s = scanner_of(scanner);
+    if (!buffer || !s)
+        return;
+    const bool current = buffer == s->buffer();
+    if (current) {
+        unmark_token(s); // the caller keeps the memory of a yy_scan_buffer
+        s->buffers[s->top] = nullptr;
+        load_place(s);
+    }
+    release_buffer(buffer);
 }
 
 void yy_flush_buffer(struct yy_buffer_state *buffer, void *scanner)
 {
-    if (scanner)
-        flex_flush_buffer(buffer, scanner);
+    token_scanner *s = scanner_of(scanner);
+    if (!buffer || !s)
+        return;
+    empty(buffer);
+    if (buffer == s->buffer())
+        load_place(s);
 }
 
 void yy_switch_to_buffer(struct yy_buffer_state *buffer, void *scanner)
 {
-    if (scanner && buffer && has_stack_room(guts_of(scanner)))
-        flex_switch_to_buffer(buffer, scanner);
+    token_scanner *s = scanner_of(scanner);
+    if (!buffer || !s || buffer == s->buffer() || !has_stack_room(s))
+        return;
+    save_place(s);
+    s->buffers[s->top] = buffer;
+    load_place(s);
 }
 
 void yypush_buffer_state(struct yy_buffer_state *buffer, void *scanner)
 {
-    if (scanner && buffer && has_stack_room(guts_of(scanner)))
-        flexpush_buffer_state(buffer, scanner);
+    token_scanner *s = scanner_of(scanner);
+    if (!buffer || !s || !has_stack_room(s))
+        return;
+    save_place(s);
+    if (s->buffer())
+        s->top++;
+    s->buffers[s->top] = buffer;
+    load_place(s);
 }
 
 void yypop_buffer_state(void *scanner)
 {
-    if (scanner)
-        flexpop_buffer_state(scanner);
+    token_scanner *s = scanner_of(scanner);
+    if (!s || !s->buffer())
+        return;
+    yy_delete_buffer(s->buffer(), s);
+    if (s->top > 0)
+        s->top--;
+    load_place(s);
 }
 
 void yyrestart(FILE *stream, void *scanner)
 {
-    if (scanner && has_buffer(guts_of(scanner)))
-        flexrestart(stream, scanner);
+    token_scanner *s = scanner_of(scanner);
+    if (!s || !has_buffer(s))
+        return;
+    attach_stream(s->buffer(), stream);
+    load_place(s);
 }
 
 void *yyalloc(size_t size, void *)
@@ -444,95 +503,97 @@ void yyfree(void *ptr, void *)
     free(ptr);
 }
 
+// ---- What a scanner holds
+
 void *yyget_extra(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yyextra_r.user_data : nullptr;
+    return scanner ? scanner_of(scanner)->user_data : nullptr;
 }
 
 FILE *yyget_in(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yyin_r : nullptr;
+    return scanner ? scanner_of(scanner)->in : nullptr;
 }
 
 FILE *yyget_out(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yyout_r : nullptr;
+    return scanner ? scanner_of(scanner)->out : nullptr;
 }
 
 int yyget_lineno(void *scanner)
 {
-    const yy_buffer_state *buffer = scanner ? current_buffer(guts_of(scanner)) : nullptr;
-    return buffer ? buffer->yy_bs_lineno : 0;
+    const yy_buffer_state *buffer = scanner ? scanner_of(scanner)->buffer() : nullptr;
+    return buffer ? buffer->line : 0;
 }
 
 int yyget_column(void *scanner)
 {
-    const yy_buffer_state *buffer = scanner ? current_buffer(guts_of(scanner)) : nullptr;
-    return buffer ? buffer->yy_bs_column : 0;
+    const yy_buffer_state *buffer = scanner ? scanner_of(scanner)->buffer() : nullptr;
+    return buffer ? buffer->column : 0;
 }
 
 int yyget_debug(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yy_flex_debug_r : 0;
+    return scanner ? scanner_of(scanner)->debug : 0;
 }
 
 union clparse_token *yyget_lval(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yylval_r : nullptr;
+    return scanner ? scanner_of(scanner)->value : nullptr;
 }
 
 int yyget_leng(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yyleng_r : 0;
+    return scanner ? static_cast<int>(scanner_of(scanner)->length) : 0;
 }
 
 char *yyget_text(void *scanner)
 {
-    return scanner ? guts_of(scanner)->yytext_r : nullptr;
+    return scanner ? scanner_of(scanner)->text : nullptr;
 }
 
 void yyset_extra(void *user_data, void *scanner)
 {
     if (scanner)
-        guts_of(scanner)->yyextra_r.user_data = user_data;
+        scanner_of(scanner)->user_data = user_data;
 }
 
 void yyset_in(FILE *stream, void *scanner)
 {
     if (scanner)
-        guts_of(scanner)->yyin_r = stream;
+        scanner_of(scanner)->in = stream;
 }
 
 void yyset_out(FILE *stream, void *scanner)
 {
     if (scanner)
-        guts_of(scanner)->yyout_r = stream;
+        scanner_of(scanner)->out = stream;
 }
 
 void yyset_lineno(int line, void *scanner)
 {
-    yy_buffer_state *buffer = scanner ? current_buffer(guts_of(scanner)) : nullptr;
+    yy_buffer_state *buffer = scanner ? scanner_of(scanner)->buffer() : nullptr;
     if (!buffer)
         end_process("yyset_lineno called with no buffer");
-    buffer->yy_bs_lineno = line;
+    buffer->line = line;
 }
 
 void yyset_column(int column, void *scanner)
 {
-    yy_buffer_state *buffer = scanner ? current_buffer(guts_of(scanner)) : nullptr;
+    yy_buffer_state *buffer = scanner ? scanner_of(scanner)->buffer() : nullptr;
     if (!buffer)
         end_process("yyset_column called with no buffer");
-    buffer->yy_bs_column = column;
+    buffer->column = column;
 }
 
 void yyset_debug(int on, void *scanner)
 {
     if (scanner)
-        guts_of(scanner)->yy_flex_debug_r = on;
+        scanner_of(scanner)->debug = on;
 }
 
 void yyset_lval(union clparse_token *value, void *scanner)
 {
     if (scanner)
-        guts_of(scanner)->yylval_r = value;
+        scanner_of(scanner)->value = value;
 }
