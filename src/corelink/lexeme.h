@@ -7,6 +7,8 @@
 #include <cstring>
 #include <qvlib/scanner.h>
 
+#include "words.h"
+
 namespace qv
 {
 
@@ -41,22 +43,12 @@ inline bool is_class(char c, int classes)
     return char_classes[static_cast<unsigned char>(c)] & classes;
 }
 
-// Whether one of eight bytes is zero.
-inline bool has_zero_byte(uint64_t bytes)
-{
-    return (bytes - UINT64_C(0x0101010101010101)) & ~bytes & UINT64_C(0x8080808080808080);
-}
-
 // The first quote or backslash, or `end`.
 inline const char *find_quote_or_backslash(const char *at, const char *end)
 {
-    for (; end - at >= 8; at += 8) {
-        uint64_t bytes;
-        memcpy(&bytes, at, sizeof bytes);
-        if (has_zero_byte(bytes ^ UINT64_C(0x0101010101010101) * '"') ||
-            has_zero_byte(bytes ^ UINT64_C(0x0101010101010101) * '\\'))
+    for (; end - at >= 8; at += 8)
+        if (const uint64_t word = load_word(at); word_has(word, '"') || word_has(word, '\\'))
             break;
-    }
     while (at < end && *at != '"' && *at != '\\')
         at++;
     return at;
