@@ -115,22 +115,25 @@ inline lexeme number_lexeme(const char *text)
     return {CLPARSE_TOKEN_NUMBER, text, at, at, number};
 }
 
-// The next token at or behind `at`; a NUL ends the text at `end`. At the end the kind is 0.
-inline lexeme next_lexeme(const char *at, const char *end)
+// The next token at or behind `at`; a NUL ends the text at `end`. At the end the kind is 0. Quotes in front
+// of `lonely` are known to open no string: what was looked at in vain for one that does not end escapes them
+// all.
+inline lexeme next_lexeme(const char *at, const char *end, const char *lonely)
 {
     while (is_class(*at, blank))
         at++;
     if (is_class(*at, letter))
         return word_lexeme(at);
     if (*at == '"')
-        return string_lexeme(at, end);
+        return at < lonely ? lexeme{'"', at, at + 1, lonely, 0} : string_lexeme(at, end);
     if (is_class(*at, digit))
         return number_lexeme(at);
     if (at == end)
         return {CLPARSE_TOKEN_END, at, at, at, 0};
-    // A NUL byte must not pass for the end of the text.
-    const int kind = *at == '\0' ? int{CLPARSE_TOKEN_INVALID} : int{static_cast<unsigned char>(*at)};
-    return {kind, at, at + 1, at, 0};
+    // A NUL byte must not pass for the end of the text; flex looks behind one, too.
+    if (*at == '\0')
+        return {CLPARSE_TOKEN_INVALID, at, at + 1, at + 1, 0};
+    return {static_cast<unsigned char>(*at), at, at + 1, at, 0};
 }
 
 } // namespace qv
