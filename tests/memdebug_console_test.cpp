@@ -161,7 +161,7 @@ class MemdebugConsole : public testing::Test
         qv_log_setlevel(-1);
         EXPECT_EQ(qv::running_session(), nullptr);
         EXPECT_EQ(peers::descriptors(), descriptors_);
-        EXPECT_EQ(peers::threads_named("qvl-memdebug"), 0);
+        EXPECT_TRUE(peers::eventually([] { return peers::threads_named("qvl-memdebug") == 0; }));
     }
     // A console that is a file in memory.
     void start()

@@ -10,6 +10,11 @@ set(tool_test_files
     tool_message_test.py
     example_config_test.py
 )
+emulated(qvl qvl)
+set(unitd)
+if(TARGET unitd)
+  emulated(unitd unitd)
+endif()
 set(tool_leaks "suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tool_leaks.supp:print_suppressions=0")
 
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${tool_test_files})
@@ -21,8 +26,8 @@ foreach(file IN LISTS tool_test_files)
   list(FILTER classes EXCLUDE REGEX "^class MessageTest")
   foreach(class IN LISTS classes)
     string(REGEX REPLACE "^class ([A-Za-z]+).*" "\\1" class "${class}")
-    add_test(NAME Qvl.${class} COMMAND Python3::Interpreter -B ${CMAKE_CURRENT_SOURCE_DIR}/${file} ${class})
+    add_test(NAME Qvl.${class} COMMAND ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${file} ${class})
     set_tests_properties(Qvl.${class} PROPERTIES TIMEOUT 300 ENVIRONMENT
-      "QVL=$<TARGET_FILE:qvl>;UNITD=$<$<TARGET_EXISTS:unitd>:$<TARGET_FILE:unitd>>;CMAKE=${CMAKE_COMMAND};BUILD=${PROJECT_BINARY_DIR};LSAN_OPTIONS=${tool_leaks}")
+      "QVL=${qvl};UNITD=${unitd};CMAKE=${CMAKE_COMMAND};BUILD=${PROJECT_BINARY_DIR};LSAN_OPTIONS=${tool_leaks}")
   endforeach()
 endforeach()
