@@ -17,5 +17,16 @@ foreach(document README.md docs/corelink.md docs/containers.md docs/hosting.md)
   add_test(NAME Samples.Of_${name}_PrintWhatTheySay
     COMMAND ${CMAKE_COMMAND} -DDOCUMENT=${PROJECT_SOURCE_DIR}/${document} -DCC=${CMAKE_C_COMPILER}
             "-DFLAGS=${CMAKE_C_FLAGS}" -DINCLUDE=${PROJECT_SOURCE_DIR}/include -DLIBRARY=$<TARGET_FILE:qvlib>
-            -DWORK=${CMAKE_CURRENT_BINARY_DIR}/samples_${name} -P ${CMAKE_CURRENT_SOURCE_DIR}/sample_test.cmake)
+            -DWORK=${CMAKE_CURRENT_BINARY_DIR}/samples_${name}
+            "-DEMULATOR=${CMAKE_CROSSCOMPILING_EMULATOR}" -P ${CMAKE_CURRENT_SOURCE_DIR}/sample_test.cmake)
 endforeach()
+
+# Bytes that other machines and other programs see.
+add_executable(vectors formats/vectors.c)
+target_compile_definitions(vectors PRIVATE _GNU_SOURCE)
+target_compile_options(vectors PRIVATE ${QVLIB_WARNINGS})
+target_link_libraries(vectors PRIVATE qvlib)
+emulated(vectors vectors)
+add_test(NAME Formats.AreTheSameBytesOnEveryMachine
+  COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/formats/formats_test.sh
+          ${CMAKE_CURRENT_SOURCE_DIR}/formats/vectors.golden ${vectors})
