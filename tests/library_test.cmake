@@ -30,3 +30,23 @@ emulated(vectors vectors)
 add_test(NAME Formats.AreTheSameBytesOnEveryMachine
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/formats/formats_test.sh
           ${CMAKE_CURRENT_SOURCE_DIR}/formats/vectors.golden ${vectors})
+
+# The binary interface: what is exported, how the records lie, and the types of all of it.
+set(abi ${CMAKE_CURRENT_SOURCE_DIR}/abi)
+if(NOT SANITIZED AND QVLIB_HAVE_PTHREAD_SPIN)
+  add_test(NAME Abi.ExportsWhatTheListSays
+    COMMAND ${abi}/exports_test.sh ${abi}/exports.txt ${CMAKE_NM} $<TARGET_FILE:qvlib>)
+endif()
+string(REGEX REPLACE "^ppc$" "powerpc" machine ${CMAKE_SYSTEM_PROCESSOR})
+if(EXISTS ${abi}/layouts-${machine}.txt)
+  add_executable(layouts abi/layouts.c)
+  target_compile_options(layouts PRIVATE ${QVLIB_WARNINGS})
+  target_link_libraries(layouts PRIVATE qvlib)
+  emulated(layouts layouts)
+  add_test(NAME Abi.LaysRecordsOutAsDaemonsHaveThem
+    COMMAND ${abi}/layouts_test.sh ${PROJECT_SOURCE_DIR}/include ${abi}/layouts.c ${abi}/layouts-${machine}.txt ${layouts})
+endif()
+if(NOT SANITIZED AND machine STREQUAL x86_64 AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  add_test(NAME Abi.HasTheTypesOfItsDescription
+    COMMAND ${abi}/interface_test.sh ${abi}/qvlib-x86_64.abi $<TARGET_FILE:qvlib>)
+endif()
