@@ -50,3 +50,15 @@ if(NOT SANITIZED AND machine STREQUAL x86_64 AND CMAKE_CXX_COMPILER_ID STREQUAL 
   add_test(NAME Abi.HasTheTypesOfItsDescription
     COMMAND ${abi}/interface_test.sh ${abi}/qvlib-x86_64.abi $<TARGET_FILE:qvlib>)
 endif()
+
+# What is installed, and what distributions pass.
+set(install ${CMAKE_CURRENT_SOURCE_DIR}/install)
+if(NOT SANITIZED AND NOT CMAKE_CROSSCOMPILING AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(with_tools OFF)
+  if(QVLIB_BUILD_TOOLS)
+    set(with_tools ON)
+  endif()
+  add_test(NAME Install.ServesProgramsByPkgConfigAndCMake
+    COMMAND ${install}/install_test.sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_LIBDIR} ${PROJECT_VERSION} ${with_tools})
+  add_test(NAME Install.TakesWhatTheRecipesPass COMMAND ${install}/recipes_test.sh ${PROJECT_SOURCE_DIR})
+endif()

@@ -21,4 +21,7 @@ constexpr bool running_emulated()
     return QVLIB_TEST_EMULATED;
 }
 
+// What a limit in seconds is multiplied by: an emulator takes its time.
+constexpr double slowness = running_emulated() ? 30 : 1;
+
 #endif
