@@ -2,7 +2,9 @@
 # preset "debian", which installs into /usr.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME qvlib)
-set(CPACK_PACKAGE_CONTACT "libqvlib maintainers <maintainers@localhost.localdomain>")
+set(CPACK_PACKAGE_CONTACT "libqvlib maintainers <maintainers@localhost.localdomain>" CACHE STRING
+  "Whom the packages name as their maintainer")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "support library of embedded storage firmware")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
   OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
@@ -18,14 +20,15 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE qvlib)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/src)
 
-function(qvlib_component component package section summary text)
+function(qvlib_component component package section text)
   string(TOUPPER ${component} name)
   set(CPACK_DEBIAN_${name}_PACKAGE_NAME ${package} PARENT_SCOPE)
   set(CPACK_DEBIAN_${name}_PACKAGE_SECTION ${section} PARENT_SCOPE)
-  set(CPACK_COMPONENT_${name}_DESCRIPTION "${summary}\n${text}" PARENT_SCOPE)
+  set(CPACK_COMPONENT_${name}_DESCRIPTION "${text}" PARENT_SCOPE)
   # Every package says whose it is and what changed.
   set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package})
-  install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright DESTINATION ${documents} COMPONENT ${component} EXCLUDE_FROM_ALL)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/debian/copyright DESTINATION ${documents}
+    COMPONENT ${component} EXCLUDE_FROM_ALL)
   install(FILES ${QVLIB_CHANGELOG} DESTINATION ${documents} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endfunction()
 
@@ -33,11 +36,11 @@ set(QVLIB_CHANGELOG ${PROJECT_BINARY_DIR}/changelog.Debian.gz)
 execute_process(COMMAND gzip -9nc ${PROJECT_SOURCE_DIR}/packaging/debian/changelog OUTPUT_FILE ${QVLIB_CHANGELOG})
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/debian/changelog)
 
-qvlib_component(runtime libqvlib1 libs "support library of embedded storage firmware"
+qvlib_component(runtime libqvlib1 libs
   "Corelink configuration trees and messages, containers, logging, sockets,\nencodings and digests, SCSI and SFP tables, and a memory debugger.")
-qvlib_component(development libqvlib-dev libdevel "support library of embedded storage firmware, development files"
-  "Headers, the static library, and the files by which pkg-config and CMake\nfind the library.")
-qvlib_component(tools qvlib-tools utils "checks, queries and converts corelink files"
+qvlib_component(development libqvlib-dev libdevel
+  "Development files: headers, the static library, and what pkg-config and\nCMake find the library by.")
+qvlib_component(tools qvlib-tools utils
   "qvl reads corelink configuration, writes it as JSON, XML and paths, merges\nit, decodes SCSI and SFP data, and asks running daemons.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
