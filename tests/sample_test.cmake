@@ -1,5 +1,6 @@
 # Takes the C samples of a document out of it, builds them and compares what they print.
-#   cmake -DDOCUMENT=README.md -DCC=... -DFLAGS=... -DINCLUDE=... -DLIBRARY=... -DWORK=... -P sample_test.cmake
+#   cmake -DDOCUMENT=README.md -DCC=... -DFLAGS=... -DINCLUDE=... -DLIBRARY=... -DWORK=...
+#         [-DEMULATOR=...] -P sample_test.cmake
 #
 # A sample is a ```c block; the ```text block that follows it is what it prints.
 
@@ -29,7 +30,7 @@ foreach(sample IN LISTS samples)
   if(failed)
     message(FATAL_ERROR "a sample of ${DOCUMENT} does not compile:\n${messages}")
   endif()
-  execute_process(COMMAND ${WORK}/sample RESULT_VARIABLE failed OUTPUT_VARIABLE printed)
+  execute_process(COMMAND ${EMULATOR} ${WORK}/sample RESULT_VARIABLE failed OUTPUT_VARIABLE printed)
   if(failed OR NOT printed STREQUAL expected)
     message(FATAL_ERROR "a sample of ${DOCUMENT} printed\n${printed}\nand not\n${expected}")
   endif()
