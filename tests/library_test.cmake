@@ -23,7 +23,14 @@ else()
 endif()
 add_test(NAME Documents.LinkToFilesThatExist
   COMMAND ${CMAKE_COMMAND} -DSOURCE=${PROJECT_SOURCE_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/links_test.cmake)
-foreach(document README.md docs/corelink.md docs/containers.md docs/hosting.md)
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/docs/*.md)
+foreach(document IN LISTS documents)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/${document} samples REGEX "^```c$")
+  if(NOT samples)
+    continue()
+  endif()
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${document})
   string(MAKE_C_IDENTIFIER ${document} name)
   add_test(NAME Samples.Of_${name}_PrintWhatTheySay
     COMMAND ${CMAKE_COMMAND} -DDOCUMENT=${PROJECT_SOURCE_DIR}/${document} -DCC=${CMAKE_C_COMPILER}
