@@ -12,7 +12,25 @@ if(NOT SANITIZED) # sanitizers write beside every table
   add_test(NAME Library.SharesItsTablesAmongProcesses
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/shared_tables_test.sh $<TARGET_FILE:qvlib_static>)
 endif()
-foreach(document README.md docs/corelink.md docs/containers.md docs/hosting.md docs/xml.md)
+find_program(DOXYGEN doxygen)
+if(DOXYGEN)
+  add_test(NAME Reference.HasAPageForEachFunction
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/reference_pages_test.sh ${CMAKE_COMMAND} ${PROJECT_SOURCE_DIR}
+            ${CMAKE_CURRENT_BINARY_DIR}/reference_pages)
+  set_tests_properties(Reference.HasAPageForEachFunction PROPERTIES TIMEOUT 900)
+else()
+  message(WARNING "The API reference is not tested: Doxygen is missing (scripts/setup test)")
+endif()
+add_test(NAME Documents.LinkToFilesThatExist
+  COMMAND ${CMAKE_COMMAND} -DSOURCE=${PROJECT_SOURCE_DIR} -P ${CMAKE_CURRENT_SOURCE_DIR}/links_test.cmake)
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS
+  ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/docs/*.md)
+foreach(document IN LISTS documents)
+  file(STRINGS ${PROJECT_SOURCE_DIR}/${document} samples REGEX "^```c$")
+  if(NOT samples)
+    continue()
+  endif()
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${document})
   string(MAKE_C_IDENTIFIER ${document} name)
   add_test(NAME Samples.Of_${name}_PrintWhatTheySay
     COMMAND ${CMAKE_COMMAND} -DDOCUMENT=${PROJECT_SOURCE_DIR}/${document} -DCC=${CMAKE_C_COMPILER}

@@ -10,6 +10,7 @@ set(tool_test_files
     tool_xml_test.py
     tool_message_test.py
     example_config_test.py
+    document_samples_test.py
 )
 emulated(qvl qvl)
 set(unitd)
@@ -29,7 +30,7 @@ set(tool_leaks "suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tool_leaks.supp:print_s
 
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${tool_test_files})
 if(NOT TARGET unitd)
-  list(REMOVE_ITEM tool_test_files tool_message_test.py) # its daemon is not built
+  list(REMOVE_ITEM tool_test_files tool_message_test.py document_samples_test.py) # its daemon is not built
 endif()
 foreach(file IN LISTS tool_test_files)
   file(STRINGS ${file} classes REGEX "^class [A-Za-z]+\\((Message|Tool)Test\\)")
