@@ -7,6 +7,7 @@ set(tool_test_files
     tool_check_test.py
     tool_output_test.py
     tool_device_test.py
+    tool_xml_test.py
     tool_message_test.py
     example_config_test.py
     document_samples_test.py

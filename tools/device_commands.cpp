@@ -19,6 +19,7 @@
 #include "password.h"
 #include "scsi.h"
 #include "sfp.h"
+#include "xml_events.h"
 
 namespace qvl
 {
@@ -127,6 +128,15 @@ int run_crc32c(const device_options &options)
         text += codes + file + "\n";
     }
     write_output("", text);
+    return 0;
+}
+
+int run_xml_events(const device_options &options)
+{
+    const xml_events events = list_xml_events(input_name(options.file), read_input(options.file, SIZE_MAX));
+    write_output("", events.lines);
+    if (events.fault)
+        throw *events.fault;
     return 0;
 }
 
@@ -245,6 +255,19 @@ void add_crc32c(CLI::App &app, device_options &options, std::function<int()> &ru
         "  printf 123456789 | qvl crc32c -");
 }
 
+void add_xml_events(CLI::App &app, device_options &options, std::function<int()> &run)
+{
+    CLI::App *command = add_command(app, "xml-events", "List what the library's XML reader reports", run,
+                                    [&options] { return run_xml_events(options); });
+    add_file(command, options.file, "The XML document; - reads standard input");
+    command->footer(
+        "Each line is an event: start with attributes, end, text or comment. Texts are in quotes; control\n"
+        "characters, quotes and backslashes in them are escaped. An error is told as FILE:LINE: MESSAGE.\n\n"
+        "Examples:\n"
+        "  qvl xml-events device.xml\n"
+        "  qvl xml --pretty appliance.cl | qvl xml-events -");
+}
+
 void add_ssha(CLI::App &app, device_options &options, std::function<int()> &run)
 {
     CLI::App *ssha = app.add_subcommand("ssha", "Make and check salted passwords");
@@ -270,6 +293,7 @@ std::unique_ptr<device_options, release_device_options> add_device_commands(CLI:
     add_sfp(app, *options, run);
     add_scsi(app, *options, run);
     add_crc32c(app, *options, run);
+    add_xml_events(app, *options, run);
     add_ssha(app, *options, run);
     return options;
 }

@@ -119,9 +119,14 @@ failure failure_at(std::string_view file, std::string_view content, std::size_t 
 {
     const position where = find_position(content, offset);
     failure fault{std::string(file) + ":" + std::to_string(where.line) + ":" + std::to_string(where.column),
-                  std::move(text), "", ""};
+                  std::move(text), "", "", true};
     show_line(fault, content, offset, where);
     return fault;
+}
+
+failure failure_in_line(std::string_view file, std::size_t line, std::string text)
+{
+    return {std::string(file) + ":" + std::to_string(line), std::move(text), "", ""};
 }
 
 std::string place_in_words(std::string_view content, std::size_t offset)
@@ -150,6 +155,20 @@ std::string shown(std::string_view bytes)
     return text;
 }
 
+std::string escaped(std::string_view bytes)
+{
+    constexpr std::string_view special = "\n\t\"\\";
+    constexpr std::string_view letters = "nt\"\\";
+    std::string text;
+    while (!bytes.empty()) {
+        const std::size_t found = special.find(bytes[0]);
+        const cell one = found == special.npos ? next_cell(bytes) : cell{{'\\', letters[found]}, 2, 1};
+        text += one.text;
+        bytes.remove_prefix(one.bytes);
+    }
+    return text;
+}
+
 std::string printable(std::string_view bytes)
 {
     std::string text;
@@ -170,7 +189,7 @@ void report(const failure &fault)
     const char *plain = colour ? "\033[0m" : "";
     std::string message = std::string(bold) + (fault.place.empty() ? "qvl" : fault.place) + ":" + plain +
                           " " + red + fault.text + plain + "\n";
-    if (!fault.place.empty())
+    if (fault.has_source_line)
         message += fault.source_line + "\n" + fault.caret_blanks + red + "^" + plain + "\n";
     fwrite(message.data(), 1, message.size(), stderr);
 }

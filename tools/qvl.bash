@@ -2,7 +2,7 @@
 
 _qvl()
 {
-    local commands='json xml corelink paths get walk merge check sfp scsi crc32c ssha send listen ask'
+    local commands='json xml corelink paths get walk merge check sfp scsi crc32c xml-events ssha send listen ask'
     local word=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD-1]}
     local command='' options='' i
     COMPREPLY=()
@@ -28,7 +28,7 @@ _qvl()
     send) options='--type --param1 --name --help' ;;
     listen) options='--json --count --help' ;;
     ask) options='--update --insert --json --timeout --help' ;;
-    check | scsi | crc32c | ssha) options='--help' ;;
+    check | scsi | crc32c | xml-events | ssha) options='--help' ;;
     esac
 
     if [[ $word != -* ]] && ((COMP_CWORD == i + 1)); then

@@ -121,15 +121,17 @@ struct yy_buffer_state *yy_scan_string(const char *text, void *scanner);
 struct yy_buffer_state *yy_scan_bytes(const char *bytes, int length, void *scanner);
 
 /*
- * Scans a caller's text in place; the new buffer takes the place of the current one. While a token is
- * current, a NUL stands behind it in the text.
+ * Scans a caller's text in place; the new buffer takes the place of the current one. A NUL stands behind the
+ * last token in the text until the next one is read or another buffer is switched to; releasing the buffer
+ * leaves the memory as it is.
  *
  * base  the text; its last two bytes are NUL and are not scanned
  * size  bytes with those two, at least 2 and at most INT_MAX
  *
  * Returns the new buffer, or NULL: an argument is NULL or out of range, the text does not end with two NULs,
  * or memory is short; the last alone is logged.
- * Ownership: the text stays the caller's, who keeps it until the buffer is deleted.
+ * Ownership: the text stays the caller's, who keeps it until the last token was read, and may release it
+ * before the buffer.
  */
 struct yy_buffer_state *yy_scan_buffer(char *base, size_t size, void *scanner);
 
