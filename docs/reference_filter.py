@@ -113,13 +113,17 @@ def parameters(declaration):
 def record(comment, declaration):
     """A structure, an enumeration, a type, a variable."""
     brief, rest = comment.brief_and_rest()
+    rest += [f"@par {name}\n{text}" for name, text in comment.arguments.items()]
+    if "Returns" in comment.labels and not comment.result:
+        rest.append(f"@par Returns\n{comment.labels['Returns']}")
+    declaration = re.sub(r"(?s)(?<=/\* ).*?(?= \*/)", lambda note: escaped(note[0]), declaration)
     lines = []
     for line in declaration.split("\n"):
         if match := FIELDS.match(line):  # one comment for several fields
             note = line[match.end():].strip().replace("/* ", "/** ")
             lines += [f"{note} {match[1]}{name};" for name in match[2].split(", ")]
         else:
-            lines.append(line if line.startswith("/*") else line.replace("/* ", "/**< "))
+            lines.append(line.replace("/* ", "/** " if line.lstrip().startswith("/*") else "/**< "))
     return block(brief, *rest, *comment.paragraphs()) + "\n".join(lines)
 
 

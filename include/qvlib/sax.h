@@ -20,6 +20,12 @@
  *
  * Memory: one context of fixed size, and the attributes of the tag that is being read, which may have 16 MiB:
  * 12 bytes for each on 32-bit machines, 24 on 64-bit machines, and its name and value with a NUL each.
+ *
+ * Errors: the error callback is told once, then -1 is returned, with errno as sax_parse_file says. Nothing is
+ * logged.
+ * Ownership: the stream, the callbacks and the cookie are the caller's; what callbacks are shown is the
+ * reader's.
+ * Threads: callbacks run on the calling thread.
  */
 #ifndef QVLIB_SAX_H
 #define QVLIB_SAX_H
@@ -32,8 +38,8 @@ QV_BEGIN_DECLS
 
 /* An attribute of a start tag. */
 typedef struct sax_attribute {
-    char *name;
-    char *value;
+    char *name;                 /* NUL-terminated */
+    char *value;                /* NUL-terminated */
     struct sax_attribute *next; /* the one written before it; NULL at the tag's first */
 } sax_attribute;
 
@@ -48,6 +54,17 @@ typedef struct sax_attribute {
  * When a function is called, the stream has been read up to and including the byte that brought the call
  * about, and its lock is free. A function may read from the stream; the reader goes on behind that. It must
  * not close it.
+ *
+ * The messages of `error` are
+ *
+ *   "Invalid XML Document"                a ">" in text, or "<!-" or "--" in a comment that goes on wrongly
+ *   "Invalid XML Document: Invalid State (2: '_') on line 0."
+ *                                         a byte that nothing accepts: the reader's state and the byte,
+ *                                         "0x0a" for one that cannot be printed; lines count from 0
+ *   "XML identifier exceeded buffer"      a name or a value of more than 256 bytes, or entity names of more
+ *                                         than 256 bytes in total
+ *   "A required callback is missing"      `end` or `characters` is NULL and had to be called
+ *   "Cannot allocate memory"
  */
 typedef struct {
     /* A start tag is complete: "<a x="1">", or "<a/>", for which `end` follows at once. `attributes` begins
@@ -60,6 +77,8 @@ typedef struct {
 
     /* Never called; NULL. */
     void (*reserved1)(void);
+
+    /* Never called; NULL. */
     void (*reserved2)(void);
 
     /* Text, of `length` bytes, 1 to 256, and a NUL: called before the next "<", and in between whenever 256

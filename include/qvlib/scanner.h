@@ -130,7 +130,8 @@ struct yy_buffer_state *yy_scan_bytes(const char *bytes, int length, void *scann
  *
  * Returns the new buffer, or NULL: an argument is NULL or out of range, the text does not end with two NULs,
  * or memory is short; the last alone is logged.
- * Ownership: the text stays the caller's, who keeps it until the buffer is deleted.
+ * Ownership: the text stays the caller's, who keeps it until the last token was read, and may release it
+ * before the buffer.
  */
 struct yy_buffer_state *yy_scan_buffer(char *base, size_t size, void *scanner);
 
