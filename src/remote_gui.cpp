@@ -372,7 +372,9 @@ stream_end forward_stream(const rgui_conn *conn)
             free(pdu);
             break;
         }
-        const ssize_t rest = recv(conn->socket, pdu->payload + 1, capacity - 1, MSG_DONTWAIT);
+        // What is left unread at a stop resets a peer that still sends, which might wait a minute otherwise.
+        const ssize_t rest =
+            conn->stop ? 0 : recv(conn->socket, pdu->payload + 1, capacity - 1, MSG_DONTWAIT);
         if (rest < 0 && errno != EAGAIN) {
             error = errno; // the PDU is not released, as docs/behaviours.md says
             break;

@@ -1161,6 +1161,19 @@ TEST_F(RguiLocal, StopsWhileAWriteWaitsForAClientThatNeverReads)
     session_ = nullptr;
 }
 
+// Were it read after the stop, a client that still sends would not be reset, and wait for its window to open.
+TEST_F(RguiLocal, LeavesUnreadWhatAStopOvertakes)
+{
+    start();
+    const during late_receives(receive_delay_us, 1000000);
+    const stream peer = client();
+    peer.write("hello");
+    peers::sleep_us(50000);
+    stop();
+    const std::lock_guard<std::mutex> lock(rooms_mutex);
+    EXPECT_THAT(rooms, IsEmpty());
+}
+
 TEST_F(RguiRemote, StopsWhileAConnectionIsNotTaken)
 {
     const busy_server server;
