@@ -216,17 +216,18 @@ inline int other_end(const client &peer)
     return -1;
 }
 
-// Fills a connection until it takes nothing more: the next byte for that client must wait.
+// Fills a connection until it takes nothing more: the next byte for that client must wait. The kernel still moves
+// some of it to the client a while later, when it asks whether that has room.
 inline void fill_up(const client &peer)
 {
     const int fd = other_end(peer);
     const std::string filler(65536, '.');
-    for (int refusals = 0; refusals < 20;) {
+    for (int refusals = 0; refusals < 50;) {
         if (::send(fd, filler.data(), filler.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0)
             refusals = 0;
         else {
             refusals++;
-            sleep_us(2000);
+            sleep_us(20000);
         }
     }
 }
