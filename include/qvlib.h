@@ -11,6 +11,7 @@
 #include <qvlib/memcheck.h>
 #include <qvlib/queue.h>
 #include <qvlib/reference.h>
+#include <qvlib/remote_gui.h>
 #include <qvlib/sax.h>
 #include <qvlib/scanner.h>
 #include <qvlib/scsi.h>

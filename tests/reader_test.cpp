@@ -8,7 +8,9 @@
 #include <memory>
 #include <pthread.h>
 #include <string>
+#include <sys/mman.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -545,7 +547,63 @@ TEST(ClparseStart, LeavesNothingAllocatedWhenMemoryIsShortBeforeParsing)
     }
 }
 
+// ---- Memory that is not the reader's
+
+// A text at the end of pages that can be read, before one that can't.
+class guarded_text
+{
+  public:
+    explicit guarded_text(const std::string &text)
+        : page_(static_cast<size_t>(sysconf(_SC_PAGESIZE))), room_((text.size() + page_) / page_ * page_),
+          memory_(static_cast<char *>(
+              mmap(nullptr, room_ + page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)))
+    {
+        text_ = memory_ + room_ - text.size() - 1;
+        memcpy(memory_ + room_ - text.size() - 1, text.c_str(), text.size() + 1);
+        mprotect(memory_, room_, PROT_READ);
+        mprotect(memory_ + room_, page_, PROT_NONE);
+    }
+    ~guarded_text()
+    {
+        munmap(memory_, room_ + page_);
+    }
+    guarded_text(const guarded_text &) = delete;
+    guarded_text &operator=(const guarded_text &) = delete;
+
+    const char *get() const
+    {
+        return text_;
+    }
+
+  private:
+    size_t page_, room_;
+    char *memory_;
+    const char *text_;
+};
+
+TEST(ClparseStart, NeitherWritesToItsTextNorReadsBehindIt)
+{
+    for (const char *text : {"a", "a=1", "a=0x1F", "a=0", "a=true", "a.b", "a={}", "a=[1,2] ", "a=\"s\"",
+                             "a=\"long enough for words \\\" of eight bytes\"", "a=12 \n"}) {
+        SCOPED_TRACE(text);
+        const guarded_text guarded(text);
+        EXPECT_NE(head_ptr(clparse_start(guarded.get())), nullptr);
+    }
+    for (const char *text : {"a=0x", "a=0X", "a=\"", "a=\"\\", "a=\"\\\"", "a=\"eight bytes and more",
+                             "a=", "a.", "a,", "a={", "a=-", " ", "a=t", "a=\"\\\n"}) {
+        SCOPED_TRACE(text);
+        const guarded_text guarded(text);
+        EXPECT_EQ(logged_for(guarded.get()), syntax_error_line);
+    }
+}
+
 // ---- Yyparse on its own
+
+// What was read may stay allocated: leaks.supp knows this function.
+[[gnu::noinline]] void parse_rejected_text(void *scanner, clparse_head *head)
+{
+    EXPECT_EQ(yyparse(scanner, head), 1);
+}
 
 TEST(Yyparse, FillsAHeadOfInitHead)
 {
@@ -579,6 +637,41 @@ TEST(Yyparse, ReadsAStream)
     fclose(stream);
     ASSERT_EQ(members_of(owner).size(), 2U);
     EXPECT_EQ(strlen(members_of(owner)[0]->value.str), 100000U);
+}
+
+TEST(Yyparse, ShowsTheTokenThatIsWrong)
+{
+    const string_row rows[] = {{"a=1,a.b=2", "."}, {"a=1,b==2", "="}, {"a=1 \"x\" ", "\"x\""},
+                               {"a=[1,0x]", "x"},  {"a={", ""},       {"a=\"x", "\""}};
+    for (const string_row &row : rows) {
+        SCOPED_TRACE(row.text);
+        clparse_head *head = nullptr;
+        ASSERT_EQ(clparse_init_head(&head), 0);
+        std::string base = row.text + std::string(2, '\0');
+        void *scanner = nullptr;
+        ASSERT_EQ(yylex_init(&scanner), 0);
+        ASSERT_NE(yy_scan_buffer(base.data(), base.size(), scanner), nullptr);
+        parse_rejected_text(scanner, head);
+        EXPECT_STREQ(yyget_text(scanner), row.value);
+        EXPECT_EQ(yyget_leng(scanner), static_cast<int>(strlen(row.value)));
+        yylex_destroy(scanner);
+        clparse_stop(head);
+    }
+}
+
+TEST(Yyparse, LeavesACallersBufferUnchanged)
+{
+    std::string base = "a=\"x\\\"y\",b.c=[1,{}]" + std::string(2, '\0');
+    const std::string before = base;
+    clparse_head *head = nullptr;
+    ASSERT_EQ(clparse_init_head(&head), 0);
+    const head_ptr owner(head);
+    void *scanner = nullptr;
+    ASSERT_EQ(yylex_init(&scanner), 0);
+    ASSERT_NE(yy_scan_buffer(base.data(), base.size(), scanner), nullptr);
+    EXPECT_EQ(yyparse(scanner, head), 0);
+    EXPECT_EQ(base, before);
+    yylex_destroy(scanner);
 }
 
 TEST(Yyparse, RefusesMissingArguments)

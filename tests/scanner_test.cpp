@@ -144,6 +144,21 @@ TEST_F(Scanner, GivesTheQuoteOfAnUnclosedStringAsAStrayCharacter)
     EXPECT_EQ(tokens_of("\"\\"), (lines{"\"", "\\"}));
 }
 
+TEST_F(Scanner, LooksOnceForTheEndOfAStringThatHasNone)
+{
+    constexpr int pairs = 500000; // as many looks would take minutes
+    std::string text;
+    for (int i = 0; i < pairs; i++)
+        text += "\\\"";
+    ASSERT_NE(yy_scan_string((text + "\\\n\"s\" \"").c_str(), scanner), nullptr);
+    union clparse_token token;
+    for (int i = 0; i < pairs; i++) {
+        ASSERT_EQ(yylex(&token, scanner), '\\');
+        ASSERT_EQ(yylex(&token, scanner), '"');
+    }
+    EXPECT_EQ(rest(), (lines{"\\", "string:s", "\""}));
+}
+
 TEST_F(Scanner, WritesOneByteOfABoolean)
 {
     union clparse_token token;
@@ -241,6 +256,32 @@ TEST_F(Scanner, ScansACallersBufferInPlaceAndLeavesItUnchanged)
     EXPECT_EQ(std::string(base, sizeof base), before);
 }
 
+TEST_F(Scanner, LeavesACallersBufferAloneWhenItIsReleased)
+{
+    char base[] = "ab cd ef\0";
+    const std::string gone(sizeof base, 'Z'); // what may be in its place
+    struct yy_buffer_state *buffer = yy_scan_buffer(base, sizeof base, scanner);
+    EXPECT_EQ(next(), "identifier:ab");
+    memset(base, 'Z', sizeof base);
+    yy_delete_buffer(buffer, scanner);
+    EXPECT_EQ(std::string(base, sizeof base), gone);
+}
+
+TEST_F(Scanner, LeavesACallersBufferAloneWhenItIsDestroyed)
+{
+    char base[] = "ab cd ef\0";
+    const std::string gone(sizeof base, 'Z');
+    void *other = nullptr;
+    ASSERT_EQ(yylex_init(&other), 0);
+    ASSERT_NE(yy_scan_buffer(base, sizeof base, other), nullptr);
+    union clparse_token token;
+    EXPECT_EQ(yylex(&token, other), CLPARSE_TOKEN_IDENTIFIER);
+    describe(CLPARSE_TOKEN_IDENTIFIER, token);
+    memset(base, 'Z', sizeof base);
+    yylex_destroy(other);
+    EXPECT_EQ(std::string(base, sizeof base), gone);
+}
+
 TEST_F(Scanner, RefusesACallersBufferWithoutTwoNuls)
 {
     char base[] = "ab\0";
@@ -294,6 +335,15 @@ TEST_F(Scanner, DestroysTheBuffersOnItsStack)
     ASSERT_NE(yy_scan_string("a", scanner), nullptr);
     for (int depth = 0; depth < 20; depth++)
         yypush_buffer_state(yy_create_buffer(nullptr, 64, scanner), scanner); // a leak would be seen
+}
+
+TEST_F(Scanner, DestroysABufferOnceThatIsOnItsStackTwice)
+{
+    struct yy_buffer_state *one = yy_scan_string("a b", scanner);
+    struct yy_buffer_state *two = yy_create_buffer(open_text("x"), 16, scanner);
+    yypush_buffer_state(two, scanner);
+    yypush_buffer_state(one, scanner);
+    EXPECT_EQ(rest(), (lines{"identifier:a", "identifier:b"})); // a second release would be seen
 }
 
 TEST_F(Scanner, FlushesABufferToItsEnd)
@@ -375,6 +425,41 @@ TEST_F(Scanner, ReadsStandardInputWhenItIsGivenNothing)
     close(kept);
     close(fd);
     remove(name);
+}
+
+TEST_F(Scanner, BeginsWithTheStreamOfItsBuffer)
+{
+    FILE *other = tmpfile();
+    fputs("other", other);
+    rewind(other);
+    struct yy_buffer_state *buffer = yy_create_buffer(open_text("buffer's"), 100, scanner);
+    yy_switch_to_buffer(buffer, scanner);
+    yyset_in(other, scanner); // taken from the second token on
+    EXPECT_EQ(next(), "identifier:buffer");
+    EXPECT_EQ(yyget_in(scanner), stream);
+    yyset_in(other, scanner);
+    EXPECT_EQ(rest(), (lines{"'", "identifier:sother"}));
+    fclose(other);
+}
+
+TEST_F(Scanner, TakesStandardOutputWithTheFirstTokenOnly)
+{
+    yyrestart(open_text("a b"), scanner);
+    EXPECT_EQ(yyget_out(scanner), nullptr);
+    EXPECT_EQ(next(), "identifier:a");
+    EXPECT_EQ(yyget_out(scanner), stdout);
+    yyset_out(nullptr, scanner);
+    EXPECT_EQ(next(), "identifier:b");
+    EXPECT_EQ(yyget_out(scanner), nullptr);
+}
+
+TEST_F(Scanner, ReadsOneByteLessOfAStreamThanItsBufferHolds)
+{
+    struct yy_buffer_state *buffer = yy_create_buffer(open_text("a," + std::string(100, ' ')), 32, scanner);
+    yy_switch_to_buffer(buffer, scanner);
+    EXPECT_EQ(next(), "identifier:a");
+    EXPECT_EQ(ftell(stream), 31);
+    yy_delete_buffer(buffer, scanner);
 }
 
 TEST_F(Scanner, RestartsOnAnotherStream)
@@ -520,7 +605,7 @@ TEST_F(Scanner, LogsABufferThatCannotGrowAndEndsTheInput)
     {
         const failing_heap::after failure(0);
         // As much of the word as the buffer holds; the rest follows when memory is there again.
-        EXPECT_EQ(next(), "identifier:" + std::string(16, 'w'));
+        EXPECT_EQ(next(), "identifier:" + std::string(15, 'w'));
     }
     EXPECT_EQ(log.take(), lines{"ERROR: panic: fatal error - scanner input buffer overflow"});
     for (int i = 0; i < 100 && next() != "0"; i++) {

@@ -66,7 +66,11 @@ int yylex_init(void **scanner);
 int yylex_init_extra(void *user_data, void **scanner);
 int yylex_destroy(void *scanner);
 
-/* Scan a copy of a string or of bytes, or a caller's buffer in place, whose last two of `size` bytes are NUL. */
+/*
+ * Scan a copy of a string or of bytes, or a caller's buffer in place, whose last two of `size` bytes are NUL. In it a
+ * NUL stands behind the last token until the next one is read or another buffer is switched to; releasing the buffer
+ * leaves the memory as it is, so that the caller may have released that before.
+ */
 struct yy_buffer_state *yy_scan_string(const char *text, void *scanner);
 struct yy_buffer_state *yy_scan_bytes(const char *bytes, int length, void *scanner);
 struct yy_buffer_state *yy_scan_buffer(char *base, size_t size, void *scanner);

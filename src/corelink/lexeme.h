@@ -7,6 +7,8 @@
 #include <cstring>
 #include <qvlib/scanner.h>
 
+#include "words.h"
+
 namespace qv
 {
 
@@ -41,22 +43,12 @@ inline bool is_class(char c, int classes)
     return char_classes[static_cast<unsigned char>(c)] & classes;
 }
 
-// Whether one of eight bytes is zero.
-inline bool has_zero_byte(uint64_t bytes)
-{
-    return (bytes - UINT64_C(0x0101010101010101)) & ~bytes & UINT64_C(0x8080808080808080);
-}
-
 // The first quote or backslash, or `end`.
 inline const char *find_quote_or_backslash(const char *at, const char *end)
 {
-    for (; end - at >= 8; at += 8) {
-        uint64_t bytes;
-        memcpy(&bytes, at, sizeof bytes);
-        if (has_zero_byte(bytes ^ UINT64_C(0x0101010101010101) * '"') ||
-            has_zero_byte(bytes ^ UINT64_C(0x0101010101010101) * '\\'))
+    for (; end - at >= 8; at += 8)
+        if (const uint64_t word = load_word(at); word_has(word, '"') || word_has(word, '\\'))
             break;
-    }
     while (at < end && *at != '"' && *at != '\\')
         at++;
     return at;
@@ -123,22 +115,25 @@ inline lexeme number_lexeme(const char *text)
     return {CLPARSE_TOKEN_NUMBER, text, at, at, number};
 }
 
-// The next token at or behind `at`; a NUL ends the text at `end`. At the end the kind is 0.
-inline lexeme next_lexeme(const char *at, const char *end)
+// The next token at or behind `at`; a NUL ends the text at `end`. At the end the kind is 0. Quotes in front
+// of `lonely` are known to open no string: what was looked at in vain for one that does not end escapes them
+// all.
+inline lexeme next_lexeme(const char *at, const char *end, const char *lonely)
 {
     while (is_class(*at, blank))
         at++;
     if (is_class(*at, letter))
         return word_lexeme(at);
     if (*at == '"')
-        return string_lexeme(at, end);
+        return at < lonely ? lexeme{'"', at, at + 1, lonely, 0} : string_lexeme(at, end);
     if (is_class(*at, digit))
         return number_lexeme(at);
     if (at == end)
         return {CLPARSE_TOKEN_END, at, at, at, 0};
-    // A NUL byte must not pass for the end of the text.
-    const int kind = *at == '\0' ? int{CLPARSE_TOKEN_INVALID} : int{static_cast<unsigned char>(*at)};
-    return {kind, at, at + 1, at, 0};
+    // A NUL byte must not pass for the end of the text; flex looks behind one, too.
+    if (*at == '\0')
+        return {CLPARSE_TOKEN_INVALID, at, at + 1, at + 1, 0};
+    return {static_cast<unsigned char>(*at), at, at + 1, at, 0};
 }
 
 } // namespace qv

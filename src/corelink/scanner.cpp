@@ -5,12 +5,15 @@
 
 #include "scanner.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <span>
 #include <unistd.h>
+#include <utility>
 
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
@@ -28,6 +31,7 @@ namespace
 constexpr size_t largest_buffer = size_t{1} << 29; // a token's length is an int
 constexpr int smallest_buffer = 16;
 constexpr int stream_buffer = 16384;
+constexpr size_t largest_read = 8192;
 
 void panic(const char *message)
 {
@@ -118,15 +122,14 @@ void load_place(token_scanner *scanner)
     yy_buffer_state *buffer = scanner->buffer();
     scanner->terminated = false;
     scanner->length = 0;
+    scanner->lonely = nullptr;
     if (!buffer) {
         scanner->at = scanner->end = const_cast<char *>(no_text);
         scanner->text = nullptr;
-        scanner->refills = false;
         return;
     }
     scanner->at = scanner->text = buffer->base + buffer->at;
     scanner->end = buffer->base + buffer->count;
-    scanner->refills = buffer->refills;
     scanner->in = buffer->stream;
 }
 
@@ -148,9 +151,14 @@ bool has_stack_room(token_scanner *scanner)
     return true;
 }
 
-bool grow(yy_buffer_state *buffer)
+// Makes room for more behind `kept` bytes.
+bool grow(yy_buffer_state *buffer, size_t kept)
 {
-    const size_t room = buffer->room > 0 ? 2 * buffer->room : size_t{smallest_buffer};
+    size_t room = buffer->room > 0 ? buffer->room : size_t{smallest_buffer};
+    while (room <= kept + 1)
+        room *= 2;
+    if (room == buffer->room)
+        return true;
     void *moved = buffer->owned && room <= largest_buffer ? realloc(buffer->base, room + 2) : nullptr;
     if (!moved) {
         panic("fatal error - scanner input buffer overflow");
@@ -195,24 +203,30 @@ size_t read_stream(const yy_buffer_state *buffer, FILE *stream, char *to, size_t
 bool refill(token_scanner *scanner, const char *from)
 {
     yy_buffer_state *buffer = scanner->buffer();
-    const auto kept = static_cast<size_t>(scanner->end - from);
-    size_t count = 0;
+    if (!buffer || !buffer->refills)
+        return false;
     if (buffer->status == yy_buffer_state::fresh) {
         buffer->stream = scanner->in;
         buffer->status = yy_buffer_state::reading;
     }
+    const auto kept = static_cast<size_t>(scanner->end - from);
+    size_t count = 0;
     const bool reads = buffer->status == yy_buffer_state::reading;
     if (reads) {
         memmove(buffer->base, from, kept);
-        if (kept < buffer->room || grow(buffer))
-            count = read_stream(buffer, scanner->in, buffer->base + kept, buffer->room - kept);
+        if (grow(buffer, kept))
+            count = read_stream(buffer, scanner->in, buffer->base + kept,
+                                std::min(buffer->room - kept - 1, largest_read));
+        scanner->lonely = nullptr;
         scanner->text = scanner->at = buffer->base;
         scanner->end = buffer->base + kept + count;
         scanner->end[0] = scanner->end[1] = '\0';
     }
     // Behind its end a stream is read again, in case it has grown, but only when its last token was given.
-    if (count == 0)
-        buffer->status = kept > 0 ? yy_buffer_state::ended : yy_buffer_state::fresh;
+    if (count == 0 && kept > 0)
+        buffer->status = yy_buffer_state::ended;
+    else if (count == 0)
+        yyrestart(scanner->in, scanner);
     return reads && kept + count > 0;
 }
 
@@ -237,6 +251,17 @@ yy_buffer_state *allocate_buffer(char *base, size_t room, bool owned, const char
     return buffer;
 }
 
+// Makes a buffer over the input stream unless there is one.
+bool add_missing_buffer(token_scanner *scanner)
+{
+    if (scanner->buffer())
+        return true;
+    if (!has_stack_room(scanner))
+        return false;
+    scanner->buffers[scanner->top] = yy_create_buffer(scanner->in, stream_buffer, scanner);
+    return scanner->buffer();
+}
+
 token_scanner *scanner_of(void *handle)
 {
     return static_cast<token_scanner *>(handle);
@@ -254,8 +279,8 @@ int read_longer_token(token_scanner *scanner, clparse_token *value)
 {
     lexeme token;
     do
-        token = next_lexeme(scanner->at, scanner->end);
-    while (token.looked >= scanner->end && scanner->refills && refill(scanner, token.text));
+        token = next_lexeme(scanner->at, scanner->end, scanner->lonely);
+    while (token.looked >= scanner->end && refill(scanner, token.text));
     if (token.kind == CLPARSE_TOKEN_END) {
         scanner->text = scanner->at = scanner->end;
         scanner->length = 0;
@@ -277,6 +302,9 @@ int read_longer_token(token_scanner *scanner, clparse_token *value)
     case CLPARSE_TOKEN_BOOLEAN:
         value->boolean = *token.text == 't';
         return token.kind;
+    case '"':
+        scanner->lonely = token.looked;
+        return token.kind;
     default:
         return token.kind;
     }
@@ -284,19 +312,16 @@ int read_longer_token(token_scanner *scanner, clparse_token *value)
 
 bool has_buffer(token_scanner *scanner)
 {
-    if (!scanner->out)
-        scanner->out = stdout;
-    if (scanner->buffer())
+    if (scanner->begun && scanner->buffer())
         return true;
-    if (!has_stack_room(scanner))
-        return false;
     if (!scanner->in)
         scanner->in = stdin;
-    yy_buffer_state *buffer = yy_create_buffer(scanner->in, stream_buffer, scanner);
-    if (!buffer)
+    if (!scanner->begun && !scanner->out)
+        scanner->out = stdout;
+    scanner->begun = true;
+    if (!add_missing_buffer(scanner))
         return false;
-    scanner->buffers[scanner->top] = buffer;
-    load_place(scanner);
+    load_place(scanner); // the stream of the first buffer comes before one that was set since
     return true;
 }
 
@@ -344,10 +369,13 @@ int yylex_destroy(void *scanner)
         errno = EINVAL;
         return 1;
     }
-    unmark_token(s);
-    for (size_t i = 0; i < s->buffer_room && i <= s->top; i++)
-        if (s->buffers[i])
-            release_buffer(s->buffers[i]);
+    const std::span slots(s->buffers, s->buffers ? s->top + 1 : 0);
+    for (yy_buffer_state *&slot : slots)
+        if (slot && std::exchange(slot->doomed, true)) // it is in the stack twice
+            slot = nullptr;
+    for (yy_buffer_state *buffer : slots)
+        if (buffer)
+            release_buffer(buffer);
     free(s->buffers);
     free(s);
     return 0;
@@ -427,9 +455,8 @@ void yy_delete_buffer(struct yy_buffer_state *buffer, void *scanner)
     token_scanner *s = scanner_of(scanner);
     if (!buffer || !s)
         return;
-    const bool current = buffer == s->buffer();
-    if (current) {
-        unmark_token(s); // the caller keeps the memory of a yy_scan_buffer
+    // The last token's end stays marked: the memory of a yy_scan_buffer may be gone.
+    if (buffer == s->buffer()) {
         s->buffers[s->top] = nullptr;
         load_place(s);
     }
@@ -482,7 +509,7 @@ void yypop_buffer_state(void *scanner)
 void yyrestart(FILE *stream, void *scanner)
 {
     token_scanner *s = scanner_of(scanner);
-    if (!s || !has_buffer(s))
+    if (!s || !add_missing_buffer(s))
         return;
     attach_stream(s->buffer(), stream);
     load_place(s);

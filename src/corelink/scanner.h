@@ -17,6 +17,7 @@ struct yy_buffer_state {
     bool owned;   // base is released with the buffer
     bool refills; // there is a stream behind it
     bool by_line; // the stream is a terminal
+    bool doomed;  // its scanner is being released
     enum { fresh, reading, ended } status;
     int line, column; // kept for the caller
 };
@@ -33,7 +34,8 @@ struct token_scanner {
     size_t length = 0;                       // of the last token
     char held = '\0';                        // the character at `at` when a NUL stands there
     bool terminated = false;                 // that NUL ends the last token's text
-    bool refills = false;                    // the current buffer has a stream behind it
+    const char *lonely = nullptr;            // quotes before it open no string
+    bool begun = false;                      // a token was asked for
     yy_buffer_state **buffers = nullptr;     // a stack; the slot at its top may be empty
     size_t top = 0;
     size_t buffer_room = 0;

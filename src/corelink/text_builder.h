@@ -22,7 +22,8 @@ class text_builder
   public:
     // `text` is a tracked block that just holds its text, or null.
     explicit text_builder(char *text)
-        : text_(text), length_(text ? strlen(text) : 0), room_(length_), exact_(length_)
+        : text_(text), length_(text ? strlen(text) : 0), size_(text ? length_ + 1 : 0), exact_(length_),
+          cut_at_(length_)
     {
     }
     ~text_builder()
@@ -37,12 +38,23 @@ class text_builder
         return !text_;
     }
 
+    // Room for `most` more characters, of which advance_to() tells how many were written; null when there is
+    // none.
+    char *room_for(size_t most)
+    {
+        return reserve(most) ? text_ + length_ : nullptr;
+    }
+    void advance_to(const char *end)
+    {
+        length_ = static_cast<size_t>(end - text_);
+    }
+
     bool append(const char *text, size_t length)
     {
         if (!reserve(length))
             return false;
         memcpy(text_ + length_, text, length);
-        advance(length);
+        length_ += length;
         return true;
     }
     template <size_t N> bool append(const char (&literal)[N])
@@ -53,32 +65,33 @@ class text_builder
     {
         return append(&c, 1);
     }
+    bool append_repeated(char c, size_t count)
+    {
+        if (!reserve(count))
+            return false;
+        memset(text_ + length_, c, count);
+        length_ += count;
+        return true;
+    }
     // As "%s" prints it.
-    bool append_text(const char *text)
-    {
-        return text ? append(text, strlen(text)) : append("(null)");
-    }
-    bool append_number(uint64_t number)
-    {
-        char digits[20];
-        char *at = digits + sizeof digits;
-        do
-            *--at = static_cast<char>('0' + number % 10);
-        while (number /= 10);
-        return append(at, static_cast<size_t>(digits + sizeof digits - at));
-    }
+    bool append_text(const char *text);
+    bool append_number(uint64_t number);
 
     // Takes the last character away, whatever it is.
     void remove_last()
     {
-        if (text_ && length_ > 0)
-            length_--;
+        if (length_ == 0)
+            return;
+        if (cut_at_ != length_)
+            exact_ = length_;
+        cut_at_ = --length_;
     }
 
     // Cuts the text back to an earlier length.
     void truncate(size_t length)
     {
-        length_ = length;
+        if (text_)
+            length_ = length;
     }
     const char *data() const
     {
@@ -95,12 +108,7 @@ class text_builder
   private:
     bool reserve(size_t more)
     {
-        return text_ && (more <= room_ - length_ || grow(more));
-    }
-    void advance(size_t length)
-    {
-        length_ += length;
-        exact_ = length_;
+        return more < size_ - length_ || grow(more);
     }
     bool grow(size_t more);
     bool resize(size_t room);
@@ -108,8 +116,9 @@ class text_builder
 
     char *text_;
     size_t length_;
-    size_t room_;  // characters that fit, terminator apart
-    size_t exact_; // length after the last append: what growing by exact sizes would have allocated
+    size_t size_;   // of the block, which has a terminator; 0 when it could not grow
+    size_t exact_;  // length after the last append before characters were taken away,
+    size_t cut_at_; // and the length since, as long as nothing was appended
 };
 
 } // namespace qv

@@ -3,6 +3,7 @@
 // A writer walks the tree in a loop and climbs by the nodes' parents. Only function nodes nest calls: what
 // one expands to is written by a walk of its own.
 
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "../where.h"
 #include "text_builder.h"
 #include "tree.h"
+#include "words.h"
 
 using namespace qv;
 
@@ -42,14 +44,32 @@ unsigned int position_in(const clparse_node *container, const clparse_node *node
 bool append_quoted(text_builder &text, const char *value)
 {
     text.append('"');
-    const char *end = value + strlen(value);
-    while (const void *quote = memchr(value, '"', static_cast<size_t>(end - value))) {
-        const char *at = static_cast<const char *>(quote);
-        text.append(value, static_cast<size_t>(at - value));
-        text.append("\\\"");
-        value = at + 1;
+    // By pieces, each of which has room for nothing but quotes.
+    constexpr size_t piece = 4096;
+    for (size_t left = strlen(value); left > 0;) {
+        const size_t count = left < piece ? left : piece;
+        char *to = text.room_for(2 * count);
+        if (!to)
+            return false;
+        const char *end = value + count;
+        while (value < end) {
+            const ptrdiff_t next = end - value < 8 ? end - value : 8;
+            if (const uint64_t word = next == 8 ? load_word(value) : 0; next == 8 && !word_has(word, '"')) {
+                store_word(to, word);
+                to += 8;
+                value += 8;
+                continue;
+            }
+            // Without a branch: quotes come where nothing can foresee them.
+            for (const char *stop = value + next; value < stop; value++) {
+                *to = '\\';
+                to += *value == '"';
+                *to++ = *value;
+            }
+        }
+        text.advance_to(to);
+        left -= count;
     }
-    text.append(value, static_cast<size_t>(end - value));
     return text.append('"');
 }
 
@@ -291,9 +311,7 @@ constexpr int no_indentation = -1;
 
 bool append_indentation(text_builder &text, int depth)
 {
-    for (int tab = 0; tab <= depth; tab++)
-        text.append('\t');
-    return !text.failed();
+    return depth < 0 || text.append_repeated('\t', static_cast<size_t>(depth) + 1);
 }
 
 bool append_line_end(text_builder &text, int depth)
@@ -309,13 +327,28 @@ void append_name(text_builder &text, const clparse_node *container, const clpars
         text.append_text(child->tag);
 }
 
+// The characters that end a stretch of plain text, the end of the text itself among them.
+constexpr auto ends_plain_text = [] {
+    std::array<bool, 256> ends{};
+    for (const char c : {'\0', '<', '>', '&', '\'', '"'})
+        ends[static_cast<unsigned char>(c)] = true;
+    return ends;
+}();
+
 bool append_escaped(text_builder &text, const char *value)
 {
+    constexpr ptrdiff_t piece = 64;
     for (;;) {
-        const size_t plain = strcspn(value, "<>&'\"");
-        text.append(value, plain);
-        value += plain;
-        switch (*value++) {
+        char *to = text.room_for(piece);
+        if (!to)
+            return false;
+        const char *begin = value;
+        while (!ends_plain_text[static_cast<unsigned char>(*value)] && value - begin < piece)
+            *to++ = *value++;
+        text.advance_to(to);
+        switch (*value) {
+        case '\0':
+            return true;
         case '<':
             text.append("&lt;");
             break;
@@ -332,26 +365,27 @@ bool append_escaped(text_builder &text, const char *value)
             text.append("&quot;");
             break;
         default:
-            return !text.failed();
+            continue; // the end of a piece
         }
+        value++;
     }
 }
 
-const char *xml_type(const clparse_node *node)
+bool append_type(text_builder &text, const clparse_node *node)
 {
     switch (node->type) {
     case CLPARSE_TYPE_STRING:
-        return "string";
+        return text.append(" type=\"string\"");
     case CLPARSE_TYPE_NUMBER:
-        return "number";
+        return text.append(" type=\"number\"");
     case CLPARSE_TYPE_BOOLEAN:
-        return "boolean";
+        return text.append(" type=\"boolean\"");
     case CLPARSE_TYPE_STRUCT:
-        return "struct";
+        return text.append(" type=\"struct\"");
     case CLPARSE_TYPE_ARRAY:
-        return "array";
+        return text.append(" type=\"array\"");
     default:
-        return "null"; // function nodes too: XML does not expand them
+        return text.append(" type=\"null\""); // function nodes too: XML does not expand them
     }
 }
 
@@ -361,9 +395,7 @@ void append_start(text_builder &text, const clparse_node *container, const clpar
     append_indentation(text, depth);
     text.append('<');
     append_name(text, container, node);
-    text.append(" type=\"");
-    text.append_text(xml_type(node));
-    text.append('"');
+    append_type(text, node);
 }
 
 bool append_end(text_builder &text, const clparse_node *container, const clparse_node *node, int depth)
@@ -389,7 +421,7 @@ bool append_leaf(text_builder &text, const clparse_node *container, const clpars
         break;
     case CLPARSE_TYPE_BOOLEAN:
         text.append('>');
-        text.append_text(node->value.boolean ? "true" : "false");
+        node->value.boolean ? text.append("true") : text.append("false");
         break;
     default:
         text.append(" />");
