@@ -19,7 +19,13 @@ constexpr uint32_t initial_state = 0xffffffff;
 // byte i leaves behind after k further zero bytes, so that eight bytes are looked up independently of each
 // other. M. E. Kounavis and F. L. Berry, "A Systematic Approach to Building High Performance Software-Based
 // CRC Generators", 2005.
-using slice_table = std::array<std::array<uint32_t, 256>, 8>;
+// A firmware build has the classical table alone.
+#if defined(QVLIB_FIRMWARE)
+constexpr size_t slice_count = 1;
+#else
+constexpr size_t slice_count = 8;
+#endif
+using slice_table = std::array<std::array<uint32_t, 256>, slice_count>;
 
 constexpr slice_table make_slices()
 {
@@ -39,11 +45,13 @@ constexpr slice_table make_slices()
 
 constexpr slice_table slices = make_slices();
 
+#if !defined(QVLIB_FIRMWARE)
 uint32_t load_little_endian(const uint8_t *bytes)
 {
     return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
            static_cast<uint32_t>(bytes[2]) << 16 | static_cast<uint32_t>(bytes[3]) << 24;
 }
+#endif
 
 uint32_t run(uint32_t state, const void *buf, size_t len)
 {
@@ -70,6 +78,7 @@ uint32_t finish(uint32_t state)
 
 uint32_t qv::crc32c_by_tables(uint32_t state, const uint8_t *bytes, size_t length)
 {
+#if !defined(QVLIB_FIRMWARE)
     for (; length >= 8; bytes += 8, length -= 8) {
         const uint32_t low = state ^ load_little_endian(bytes);
         const uint32_t high = load_little_endian(bytes + 4);
@@ -77,6 +86,7 @@ uint32_t qv::crc32c_by_tables(uint32_t state, const uint8_t *bytes, size_t lengt
                 slices[4][low >> 24] ^ slices[3][high & 0xff] ^ slices[2][high >> 8 & 0xff] ^
                 slices[1][high >> 16 & 0xff] ^ slices[0][high >> 24];
     }
+#endif
     for (; length != 0; bytes++, length--)
         state = (state >> 8) ^ slices[0][(state ^ *bytes) & 0xff];
     return state;

@@ -45,6 +45,7 @@ template <size_t I>
         return sum + (c ^ (b | ~d));
 }
 
+#if !defined(QVLIB_FIRMWARE)
 // Step I changes one word of the state; the roles of the four words move on from step to step.
 template <size_t I> [[gnu::always_inline]] inline void step(uint32_t (&s)[4], const uint32_t (&block)[16])
 {
@@ -53,13 +54,39 @@ template <size_t I> [[gnu::always_inline]] inline void step(uint32_t (&s)[4], co
     const uint32_t b = s[(65 - I) % 4], c = s[(66 - I) % 4], d = s[(67 - I) % 4];
     a = b + std::rotl(mix<I>(a + block[word] + sines[I], b, c, d), rotations[round][I % 4]);
 }
+#endif
 
+#if defined(QVLIB_FIRMWARE)
+// For size: the steps in a loop, the words changing places.
+void run_block(uint32_t (&s)[4], const uint32_t (&block)[16])
+{
+    for (unsigned int i = 0; i < 64; i++) {
+        const unsigned int round = i / 16, word = (word_factor[round] * i + word_start[round]) % 16;
+        const uint32_t b = s[1], c = s[2], d = s[3];
+        const uint32_t sum = s[0] + block[word] + sines[i];
+        const uint32_t mixed = round == 0   ? mix<0>(sum, b, c, d)
+                               : round == 1 ? mix<16>(sum, b, c, d)
+                               : round == 2 ? mix<32>(sum, b, c, d)
+                                            : mix<48>(sum, b, c, d);
+        s[0] = d;
+        s[3] = c;
+        s[2] = b;
+        s[1] = b + std::rotl(mixed, rotations[round][i % 4]);
+    }
+}
+#else
 template <size_t... I>
 [[gnu::always_inline]] inline void run_steps(uint32_t (&s)[4], const uint32_t (&block)[16],
                                              std::index_sequence<I...>)
 {
     (step<I>(s, block), ...);
 }
+
+void run_block(uint32_t (&s)[4], const uint32_t (&block)[16])
+{
+    run_steps(s, block, std::make_index_sequence<64>());
+}
+#endif
 
 size_t bytes_held(const md5_ctx &ctx)
 {
@@ -83,7 +110,7 @@ void qv::md5_blocks(uint32_t state[4], const uint8_t *blocks, size_t count)
         for (size_t i = 0; i < 16; i++)
             block[i] = load_le32(blocks + 4 * i);
         const uint32_t before[4] = {s[0], s[1], s[2], s[3]};
-        run_steps(s, block, std::make_index_sequence<64>());
+        run_block(s, block);
         for (size_t i = 0; i < 4; i++)
             s[i] += before[i];
     }

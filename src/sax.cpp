@@ -27,6 +27,9 @@ namespace
 constexpr size_t buffer_size = 256;
 constexpr size_t message_size = 256;
 
+// What the attributes of one tag may take: a document without an end must not take all memory.
+constexpr size_t most_attribute_bytes = size_t{16} << 20;
+
 // Messages tell the numbers.
 enum state : uint8_t {
     in_text = 0,
@@ -207,6 +210,7 @@ struct text_buffer {
 struct sax_context {
     text_buffer buffers[buffer_count];
     sax_attribute *attributes; // newest first
+    size_t attribute_bytes;    // of their blocks
     const sax_callbacks *callbacks;
     void *cookie;
     state current;
@@ -317,6 +321,7 @@ void free_attributes(sax_context &context)
         context.attributes = first->next;
         free(first);
     }
+    context.attribute_bytes = 0;
 }
 
 // Record, name and value are one block.
@@ -325,9 +330,12 @@ bool push_attribute(sax_context &context)
     text_buffer &name = context.buffers[to_attribute_name];
     text_buffer &value = context.buffers[to_attribute_value];
     const size_t name_size = name.length + 1u, value_size = value.length + 1u;
-    auto *attribute = static_cast<sax_attribute *>(malloc(sizeof(sax_attribute) + name_size + value_size));
+    const size_t size = sizeof(sax_attribute) + name_size + value_size;
+    const bool fits = size <= most_attribute_bytes - context.attribute_bytes;
+    auto *attribute = fits ? static_cast<sax_attribute *>(malloc(size)) : nullptr;
     if (!attribute)
         return fail_without_memory(*context.callbacks, context.cookie);
+    context.attribute_bytes += size;
     char *texts = reinterpret_cast<char *>(attribute + 1);
     attribute->name = static_cast<char *>(memcpy(texts, text_of(name), name_size));
     attribute->value = static_cast<char *>(memcpy(texts + name_size, text_of(value), value_size));

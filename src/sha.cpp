@@ -37,6 +37,27 @@ template <size_t Round> [[gnu::always_inline]] inline uint32_t sha1_mix(uint32_t
         return b ^ c ^ d;
 }
 
+#if defined(QVLIB_FIRMWARE)
+// For size: the steps in a loop, the words changing places.
+void sha1_block(uint32_t (&s)[5], uint32_t (&ring)[16])
+{
+    for (unsigned int i = 0; i < 80; i++) {
+        uint32_t &word = ring[i % 16];
+        if (i >= 16)
+            word = rotl(ring[(i + 13) % 16] ^ ring[(i + 8) % 16] ^ ring[(i + 2) % 16] ^ word, 1);
+        const uint32_t a = s[0], b = s[1], c = s[2], d = s[3];
+        const uint32_t mixed = i < 20   ? sha1_mix<0>(b, c, d)
+                               : i < 40 ? sha1_mix<1>(b, c, d)
+                               : i < 60 ? sha1_mix<2>(b, c, d)
+                                        : sha1_mix<3>(b, c, d);
+        s[0] = rotl(a, 5) + mixed + s[4] + sha1_constants[i / 20] + word;
+        s[1] = a;
+        s[2] = rotl(b, 30);
+        s[3] = c;
+        s[4] = d;
+    }
+}
+#else
 // The word that step I uses, from a ring of the last sixteen; it takes the place of the word 16 steps before.
 template <size_t I> [[gnu::always_inline]] inline uint32_t sha1_word(uint32_t (&ring)[16])
 {
@@ -61,6 +82,12 @@ template <size_t... I>
     (sha1_step<I>(s, ring), ...);
 }
 
+void sha1_block(uint32_t (&s)[5], uint32_t (&ring)[16])
+{
+    sha1_block(s, ring, std::make_index_sequence<80>());
+}
+#endif
+
 void run_sha1(uint32_t state[5], const uint8_t *blocks, size_t count)
 {
 #if defined(QV_SHA_INSTRUCTIONS)
@@ -72,6 +99,26 @@ void run_sha1(uint32_t state[5], const uint8_t *blocks, size_t count)
 
 // ---- SHA-256
 
+#if defined(QVLIB_FIRMWARE)
+void sha256_block(uint32_t (&s)[8], uint32_t (&w)[16])
+{
+    for (unsigned int i = 0; i < 64; i++) {
+        uint32_t &word = w[i % 16];
+        if (i >= 16) {
+            const uint32_t early = w[(i + 1) % 16], late = w[(i + 14) % 16];
+            word += (rotr(early, 7) ^ rotr(early, 18) ^ early >> 3) + w[(i + 9) % 16] +
+                    (rotr(late, 17) ^ rotr(late, 19) ^ late >> 10);
+        }
+        const uint32_t a = s[0], b = s[1], c = s[2], e = s[4], f = s[5], g = s[6];
+        const uint32_t h = s[7] + qv::sha256_constants[i] + word + (g ^ (e & (f ^ g))) +
+                           (rotr(e, 6) ^ rotr(e, 11) ^ rotr(e, 25));
+        for (size_t k = 7; k > 0; k--)
+            s[k] = s[k - 1];
+        s[4] += h;
+        s[0] = h + ((a & b) | (c & (a | b))) + (rotr(a, 2) ^ rotr(a, 13) ^ rotr(a, 22));
+    }
+}
+#else
 // Step I of the sixteen that use a block's words in place; in later sixteens each word was replaced by the
 // one that follows 16 places later.
 template <size_t I>
@@ -102,6 +149,12 @@ template <size_t... I>
     for (size_t step = 16; step < 64; step += 16)
         ((sha256_next_word<I>(w), sha256_step<I>(s, w, qv::sha256_constants + step)), ...);
 }
+
+void sha256_block(uint32_t (&s)[8], uint32_t (&w)[16])
+{
+    sha256_block(s, w, std::make_index_sequence<16>());
+}
+#endif
 
 void run_sha256(uint32_t state[8], const uint8_t *blocks, size_t count)
 {
@@ -149,7 +202,7 @@ void qv::sha1_blocks(uint32_t state[5], const uint8_t *blocks, size_t count)
         uint32_t ring[16];
         for (size_t i = 0; i < 16; i++)
             ring[i] = load_be32(blocks + 4 * i);
-        sha1_block(s, ring, std::make_index_sequence<80>());
+        sha1_block(s, ring);
         for (size_t i = 0; i < 5; i++)
             s[i] = state[i] += s[i];
     }
@@ -163,7 +216,7 @@ void qv::sha256_blocks(uint32_t state[8], const uint8_t *blocks, size_t count)
         uint32_t words[16];
         for (size_t i = 0; i < 16; i++)
             words[i] = load_be32(blocks + 4 * i);
-        sha256_block(s, words, std::make_index_sequence<16>());
+        sha256_block(s, words);
         for (size_t i = 0; i < 8; i++)
             s[i] = state[i] += s[i];
     }

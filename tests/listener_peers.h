@@ -43,7 +43,7 @@ inline int descriptors()
     return open_entries("/proc/self/fd");
 }
 
-// Threads of the process by this name.
+// Threads of the process by this name. One that was joined may be listed for a moment yet.
 inline int threads_named(const char *name)
 {
     int count = 0;

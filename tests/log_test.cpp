@@ -784,7 +784,7 @@ TEST_F(LogHexDump, CutsLinesOfAnExcessiveWidth)
 {
     start_syslog(7);
     const std::string bytes(5000, 'a');
-    for (size_t width : {size_t{31}, size_t{64}, size_t{4096}, size_t{1} << 40, SIZE_MAX}) {
+    for (size_t width : {size_t{31}, size_t{64}, size_t{4096}, SIZE_MAX / 2 + 1, SIZE_MAX}) {
         for (int flip : {0, 1}) {
             steps.clear();
             __qv_loghex_line(5, bytes.data(), bytes.size(), width, flip);

@@ -20,6 +20,7 @@
 
 #include "corelink/tree.h"
 #include "failing_alloc.h"
+#include "machine.h"
 
 namespace
 {
@@ -763,7 +764,8 @@ void compare_merge(unsigned seed, merge_kind kind, shape wanted)
 
 void compare_merges(unsigned first_seed, unsigned count, shape wanted)
 {
-    for (unsigned seed = first_seed; seed < first_seed + count && !testing::Test::HasFailure(); seed++)
+    for (unsigned seed = first_seed; seed < first_seed + scaled(count) && !testing::Test::HasFailure();
+         seed++)
         for (merge_kind kind : all_merges)
             compare_merge(seed, kind, wanted);
 }
@@ -915,7 +917,8 @@ void compare_search(unsigned seed, found_kind found, not_found_kind not_found, s
 
 void compare_searches(unsigned first_seed, unsigned count, shape wanted)
 {
-    for (unsigned seed = first_seed; seed < first_seed + count && !testing::Test::HasFailure(); seed++)
+    for (unsigned seed = first_seed; seed < first_seed + scaled(count) && !testing::Test::HasFailure();
+         seed++)
         for (int found = 0; found <= static_cast<int>(found_kind::values_only); found++)
             for (int not_found = 0; not_found <= static_cast<int>(not_found_kind::renaming); not_found++)
                 compare_search(seed, static_cast<found_kind>(found), static_cast<not_found_kind>(not_found),
@@ -936,7 +939,7 @@ TEST(SearchTree, CallsOwnActionsAsTheModelDoesWithFunctionNodes)
 
 TEST(SearchTree, LetsTheNotFoundActionChangeWideTargets)
 {
-    for (unsigned seed = 20000; seed < 20060 && !HasFailure(); seed++)
+    for (unsigned seed = 20000; seed < 20000 + scaled(60u) && !HasFailure(); seed++)
         for (auto not_found : {not_found_kind::appending, not_found_kind::renaming, not_found_kind::aborting})
             compare_search(seed, found_kind::by_default, not_found, {.most_children = 100, .depth = 2});
 }
@@ -967,10 +970,10 @@ void merge_with_itself(unsigned seed, merge_kind kind, shape wanted)
 
 TEST(Merges, OfATreeWithItselfEqualTheModel)
 {
-    for (unsigned seed = 1; seed < 1500 && !HasFailure(); seed++)
+    for (unsigned seed = 1; seed < 1 + scaled(1500u) && !HasFailure(); seed++)
         for (merge_kind kind : all_merges)
             merge_with_itself(seed, kind, {.most_children = 6, .depth = 3});
-    for (unsigned seed = 5000; seed < 5100 && !HasFailure(); seed++)
+    for (unsigned seed = 5000; seed < 5000 + scaled(100u) && !HasFailure(); seed++)
         for (merge_kind kind : all_merges)
             merge_with_itself(seed, kind, {.most_children = 150, .depth = 2});
 }
@@ -1074,7 +1077,7 @@ void fail_each_allocation(unsigned seed, merge_kind kind, shape wanted)
 
 TEST(Merges, KeepWhatWasChangedBeforeAnAllocationFailed)
 {
-    for (unsigned seed = 1; seed < 100 && !HasFailure(); seed++)
+    for (unsigned seed = 1; seed < 1 + scaled(100u) && !HasFailure(); seed++)
         for (merge_kind kind : all_merges)
             fail_each_allocation(seed, kind, {.most_children = 6, .depth = 3});
 }
@@ -1083,7 +1086,8 @@ TEST(Merges, KeepWhatWasChangedBeforeAnAllocationFailedInWideTrees)
 {
     for (unsigned seed = 1000; seed < 1003 && !HasFailure(); seed++)
         for (merge_kind kind : all_merges)
-            fail_each_allocation(seed, kind, {.most_children = 45, .depth = 1});
+            fail_each_allocation(seed, kind,
+                                 {.most_children = running_emulated() ? size_t{15} : size_t{45}, .depth = 1});
 }
 
 // ---- Directed

@@ -443,6 +443,47 @@ TEST(SaxParseFile, HoldsNoMoreThanTheAttributesOfOneTag)
     EXPECT_EQ(blocks.count(), 0u);
 }
 
+// Attributes that take 16 MiB with their records, and some bytes that are too few for one more.
+std::string attributes_that_just_fit()
+{
+    const std::string attribute = " x=\"" + repeated(256) + "\"";
+    std::string written;
+    for (size_t i = 0; i < (size_t{16} << 20) / (sizeof(sax_attribute) + 2 + 257); i++)
+        written += attribute;
+    return written;
+}
+
+TEST(SaxParseFile, RefusesMoreAttributesThanOneTagMayHave)
+{
+    static size_t starts, attributes;
+    static std::string message;
+    const std::string most = attributes_that_just_fit();
+    const std::string twice = "<a" + most + "/><a" + most + ">",
+                      too_many = "<a" + most + " y=\"" + repeated(256) + "\" z=\"\">";
+    sax_callbacks callbacks = {};
+    callbacks.start = [](void *, const sax_attribute *first, void *) {
+        starts++;
+        for (; first; first = first->next)
+            attributes++;
+    };
+    callbacks.error = [](const char *told, void *) { message = told; };
+
+    starts = attributes = 0;
+    const xml_stream::memory_stream good(twice);
+    EXPECT_EQ(sax_parse_file(good.stream, &callbacks, nullptr), 0);
+    EXPECT_EQ(starts, 2u);
+    EXPECT_EQ(attributes, 2 * (most.size() / 261));
+
+    failing_alloc::live_blocks account;
+    const xml_stream::memory_stream bad(too_many);
+    errno = 0;
+    EXPECT_EQ(sax_parse_file(bad.stream, &callbacks, nullptr), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(message, "Cannot allocate memory");
+    EXPECT_EQ(starts, 2u);
+    EXPECT_EQ(getc(bad.stream), ' ');
+}
+
 TEST(SaxParseFile, HandsCookieAndContextToEveryCallback)
 {
     static int cookie, calls;

@@ -644,14 +644,12 @@ using ScannerDeath = Scanner;
 
 TEST_F(ScannerDeath, EndsTheProcessWhenALineIsSetWithoutBuffer)
 {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(yyset_lineno(1, scanner), testing::ExitedWithCode(2),
                 "^yyset_lineno called with no buffer\n$");
 }
 
 TEST_F(ScannerDeath, EndsTheProcessWhenAColumnIsSetWithoutBuffer)
 {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
     EXPECT_EXIT(yyset_column(1, scanner), testing::ExitedWithCode(2),
                 "^yyset_column called with no buffer\n$");
 }

@@ -27,6 +27,7 @@
 #include "failing_calloc.h"
 #include "failing_calls.h"
 #include "log_lines.h"
+#include "machine.h"
 #include "socket.h"
 
 using failing_calls::descriptors;
@@ -427,11 +428,14 @@ TEST_F(QvsockConnect, BindsToAnInterface)
     log_lines log;
     const int client = keep(connect_to(service_of(listener()), 0, 0, "lo"));
     EXPECT_GE(client, 0);
+    EXPECT_THAT(log.take(), IsEmpty());
     char name[16] = "";
     socklen_t size = sizeof name;
-    EXPECT_EQ(__real_getsockopt(client, SOL_SOCKET, SO_BINDTODEVICE, name, &size), 0);
+    const int result = __real_getsockopt(client, SOL_SOCKET, SO_BINDTODEVICE, name, &size);
+    if (result == -1 && running_emulated())
+        GTEST_SKIP() << "the emulator does not tell which interface a socket is bound to";
+    EXPECT_EQ(result, 0);
     EXPECT_STREQ(name, "lo");
-    EXPECT_THAT(log.take(), IsEmpty());
 }
 
 TEST_F(QvsockConnect, GoesAheadUnboundWhenTheInterfaceIsMissing)
@@ -909,6 +913,8 @@ TEST_F(TcpInfo, IsReadFromAConnection)
     struct tcp_info info = {};
     EXPECT_EQ(read_tcp_info(client, &info), 0);
     EXPECT_EQ(seen.info_size, 104u);
+    if (running_emulated())
+        GTEST_SKIP() << "the emulator gives the first four bytes of TCP_INFO alone";
     EXPECT_EQ(info.tcpi_state, TCP_ESTABLISHED);
     EXPECT_GT(info.tcpi_snd_mss, 0u);
 }

@@ -186,7 +186,7 @@ class CheckPositions(ToolTest):
         self.assert_reported(b"a=?\x00", "1:3", 'syntax error near "?"', "a=?\\x00", "  ^")
 
     def test_binary_file(self):
-        with open(QVL, "rb") as file:
+        with open(os.environ["CMAKE"], "rb") as file:
             self.write("f.cl", file.read(4096))
         self.assertEqual(self.check(self.read("f.cl"))[0], 'f.cl:1:1: syntax error near "\\x7F"')
 

@@ -354,7 +354,10 @@ class Installed(ToolTest):
         )
         os.rename(self.path("first"), self.path("second"))
         done = subprocess.run(
-            [self.path("second/bin/qvl"), "json", "-"], input=b"a=1", capture_output=True, timeout=60
+            [*os.environ["EMULATOR"].split(), self.path("second/bin/qvl"), "json", "-"],
+            input=b"a=1",
+            capture_output=True,
+            timeout=60,
         )
         self.assertEqual((done.stdout, done.stderr, done.returncode), (b'{"a":1}\n', b"", 0))
         for name in ("share/man/man1/qvl.1", "share/bash-completion/completions/qvl"):

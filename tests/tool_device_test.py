@@ -288,8 +288,9 @@ class SenseData(ToolTest):
         self.assertIn("response code 7Fh", self.complaint("scsi", "decode", "-", stdin="7f" + 10 * "00"))
 
     def test_any_bytes_are_explained_or_refused(self):
+        step = 10 if os.environ["EMULATOR"] else 1
         for first in (0x70, 0x72, 0xF1, 0x73):
-            for length in range(8, 60):
+            for length in range(8, 60, step):
                 block = bytes([first] + [(first * 7 + length * i * 31) % 256 for i in range(1, length)])
                 self.output("scsi", "decode", "-", stdin=block)
 

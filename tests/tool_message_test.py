@@ -14,7 +14,7 @@ import unittest
 from tool_process import QVL, SOURCE, ToolTest
 
 UNITD = os.environ["UNITD"]
-HEADER = struct.Struct("=II32sIHH")
+HEADER = struct.Struct(os.environ["BYTE_ORDER"] + "II32sIHH")
 QUERY, UPDATE, INSERT, FAULT, AS_JSON, ANSWER = 1, 2, 3, 0x20, 0x40, 0x80
 WHOLE = None
 

@@ -72,6 +72,44 @@ class XmlEvents(ToolTest):
         self.assertEqual(out.count("\n"), 60001)
         self.assertTrue(err.startswith("<stdin>:20001: "), err)
 
+    def test_a_fault_wherever_a_read_ends(self):
+        for length in range(8185, 8200):
+            self.assertTrue(self.refused("\n" * length + ">")[1].startswith(f"<stdin>:{length + 1}: "))
+            self.assertTrue(self.refused("\n" * length + "<a\n\n")[1].startswith(f"<stdin>:{length + 1}: "))
+
+    def test_a_tag_with_many_attributes(self):
+        attributes = "".join(f' x="{i}"' for i in range(200000))
+        self.assertEqual(self.events(f"<a{attributes}/>"), ["start a" + attributes, "end a"])
+
+    def test_a_tag_without_an_end_is_refused(self):
+        err = self.refused("<a>\n<b" + ' x=""' * 700000)[1]
+        self.assertEqual(err, "<stdin>:2: Cannot allocate memory\n")
+
+    def test_events_come_as_the_document_does(self):
+        with subprocess.Popen(
+            [QVL, "xml-events", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE, bufsize=0
+        ) as process:
+            for piece, line in ((b"<a>", b"start a\n"), (b"<!--c-->", b'comment "c-"\n'), (b"</a>", b"end a\n")):
+                process.stdin.write(piece)
+                self.assertEqual(process.stdout.readline(), line)
+            process.stdin.close()
+            self.assertEqual(process.stdout.read(), b"")
+        self.assertEqual(process.returncode, 0)
+
+    def test_a_document_is_not_kept(self):
+        process = subprocess.Popen([QVL, "xml-events", "-"], stdin=subprocess.PIPE)
+        process.stdin.write(b"<?")
+        for _ in range(512):
+            process.stdin.write(b"x" * (1 << 20))
+        process.stdin.close()
+        _, status, used = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(process.returncode, 0)
+        self.assertLess(used.ru_maxrss, 256 << 10)  # KiB
+
+    def test_what_cannot_be_read(self):
+        self.assertEqual(self.complaint("xml-events", self.directory), f"qvl: {self.directory}: Is a directory\n")
+
     def test_a_file_is_named(self):
         self.write("bad.xml", "<a b>")
         done = self.qvl("xml-events", "bad.xml")

@@ -133,10 +133,7 @@ int run_crc32c(const device_options &options)
 
 int run_xml_events(const device_options &options)
 {
-    const xml_events events = list_xml_events(input_name(options.file), read_input(options.file, SIZE_MAX));
-    write_output("", events.lines);
-    if (events.fault)
-        throw *events.fault;
+    list_xml_events(options.file, [](const std::string &lines) { write_output("", lines); });
     return 0;
 }
 

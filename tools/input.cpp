@@ -19,21 +19,6 @@ namespace
 constexpr std::size_t longest_bytes = 1 << 20; // far beyond any identification block or sense data
 constexpr std::size_t bytes_of_dump_line = 16;
 
-struct descriptor {
-    int fd;
-
-    explicit descriptor(int opened) : fd(opened)
-    {
-    }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        if (fd > STDERR_FILENO)
-            close(fd);
-    }
-};
-
 bool is_hex(char c)
 {
     return std::isxdigit(static_cast<unsigned char>(c)) != 0;
@@ -204,26 +189,41 @@ std::string input_name(const std::string &path)
     return path == "-" ? "<stdin>" : path;
 }
 
+input_file::input_file(const std::string &path)
+    : name_(input_name(path)), fd_(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC))
+{
+    if (fd_ == -1)
+        throw plain_failure(name_ + ": " + strerror(errno));
+}
+
+input_file::~input_file()
+{
+    if (fd_ != STDIN_FILENO)
+        close(fd_);
+}
+
+std::size_t input_file::read(char *to, std::size_t room)
+{
+    for (;;) {
+        const ssize_t got = ::read(fd_, to, room);
+        if (got != -1)
+            return static_cast<std::size_t>(got);
+        if (errno != EINTR)
+            throw plain_failure(name_ + ": " + strerror(errno));
+    }
+}
+
 std::string read_input(const std::string &path, std::size_t longest)
 {
-    const std::string name = input_name(path);
-    const descriptor source(path == "-" ? STDIN_FILENO : open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (source.fd == -1)
-        throw plain_failure(name + ": " + strerror(errno));
+    input_file file(path);
     std::string text;
     std::vector<char> block(1 << 16);
-    for (;;) {
-        const ssize_t got = read(source.fd, block.data(), block.size());
-        if (got == -1 && errno == EINTR)
-            continue;
-        if (got == -1)
-            throw plain_failure(name + ": " + strerror(errno));
-        if (got == 0)
-            return text;
-        text.append(block.data(), static_cast<std::size_t>(got));
+    while (const std::size_t got = file.read(block.data(), block.size())) {
+        text.append(block.data(), got);
         if (text.size() > longest)
-            throw plain_failure(name + ": larger than " + std::to_string(longest) + " bytes");
+            throw plain_failure(input_name(path) + ": larger than " + std::to_string(longest) + " bytes");
     }
+    return text;
 }
 
 std::vector<unsigned char> parse_hex(const std::string &name, std::string_view text)

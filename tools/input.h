@@ -13,6 +13,23 @@ namespace qvl
 // What messages call the file `path`, "-" for standard input.
 std::string input_name(const std::string &path);
 
+// The file `path`, "-" for standard input, piece by piece. Opening and reading throw failure.
+class input_file
+{
+  public:
+    explicit input_file(const std::string &path);
+    ~input_file();
+    input_file(const input_file &) = delete;
+    input_file &operator=(const input_file &) = delete;
+
+    // Waits for bytes; returns how many came, 0 at the end.
+    std::size_t read(char *to, std::size_t room);
+
+  private:
+    std::string name_;
+    int fd_;
+};
+
 // Reads `path`, "-" for standard input, to its end. Throws failure, also for more than `longest` bytes.
 std::string read_input(const std::string &path, std::size_t longest);
 

@@ -1,14 +1,19 @@
-// No exception may pass through the library: what a callback could not keep is told when the reader is done.
+// No exception may pass through the library or the stream: the first one ends the document, and is thrown on
+// when the reader is done. Neither the document nor its events are kept as a whole.
 #include "xml_events.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <memory>
-#include <new>
 #include <string_view>
+#include <sys/types.h>
+#include <vector>
 #include <qvlib/sax.h>
+#include "failure.h"
+#include "input.h"
 
 namespace qvl
 {
@@ -16,19 +21,85 @@ namespace qvl
 namespace
 {
 
-struct listing {
-    std::string lines, message;
-    bool out_of_memory = false;
+std::size_t line_feeds(std::string_view bytes)
+{
+    return static_cast<std::size_t>(std::count(bytes.begin(), bytes.end(), '\n'));
+}
+
+class listing
+{
+  public:
+    listing(const std::string &path, const std::function<void(const std::string &)> &write)
+        : name_(input_name(path)), file_(path), write_(write)
+    {
+    }
+
+    void read_document();
+
+  private:
+    static listing &of(void *cookie)
+    {
+        return *static_cast<listing *>(cookie);
+    }
+
+    template <class Action> void guarded(Action action)
+    {
+        if (failed_)
+            return;
+        try {
+            action();
+        } catch (...) {
+            failed_ = std::current_exception();
+        }
+    }
+
+    std::size_t read_piece(char *to, std::size_t room);
+    void write_lines();
+    std::size_t line_at(FILE *stream);
+
+    static ssize_t on_read(void *cookie, char *to, std::size_t room);
+    static void on_start(void *context, const sax_attribute *attributes, void *cookie);
+    static void on_end(void *context, void *cookie);
+    static void on_characters(const char *text, std::size_t length, void *cookie);
+    static void on_comment(const char *text, void *cookie, void *context);
+    static void on_error(const char *message, void *cookie);
+
+    static constexpr sax_callbacks callbacks = {on_start,      on_end,     nullptr, nullptr,
+                                                on_characters, on_comment, on_error};
+
+    std::string name_;
+    input_file file_;
+    const std::function<void(const std::string &)> &write_;
+    std::string piece_; // what the stream read last
+    std::size_t line_feeds_before_piece_ = 0;
+    std::string lines_, message_;
+    bool ended_ = false;
+    std::exception_ptr failed_;
 };
 
-template <class Action> void keep(void *cookie, Action action)
+void listing::write_lines()
 {
-    auto *kept = static_cast<listing *>(cookie);
-    try {
-        action(*kept);
-    } catch (const std::bad_alloc &) {
-        kept->out_of_memory = true;
-    }
+    write_(lines_);
+    lines_.clear();
+}
+
+// What has been found is written before the next piece is waited for.
+std::size_t listing::read_piece(char *to, std::size_t room)
+{
+    write_lines();
+    const std::size_t got = file_.read(to, room);
+    line_feeds_before_piece_ += line_feeds(piece_);
+    piece_.assign(to, got);
+    return got;
+}
+
+ssize_t listing::on_read(void *cookie, char *to, std::size_t room)
+{
+    listing &self = of(cookie);
+    std::size_t got = 0;
+    if (!self.ended_)
+        self.guarded([&] { got = self.read_piece(to, room); });
+    return static_cast<ssize_t>(got);
 }
 
 std::string quoted(std::string_view bytes)
@@ -41,37 +112,55 @@ const char *name_of(const void *context)
     return static_cast<const char *>(context);
 }
 
-void on_start(void *context, const sax_attribute *attributes, void *cookie)
+void listing::on_start(void *context, const sax_attribute *attributes, void *cookie)
 {
-    keep(cookie, [=](listing &kept) {
-        std::string written; // in the order of the document, which is not the list's
+    listing &self = of(cookie);
+    self.guarded([&] {
+        std::vector<const sax_attribute *> newest_first;
         for (const sax_attribute *each = attributes; each != nullptr; each = each->next)
-            written = std::string(" ") + each->name + "=" + quoted(each->value) + written;
-        kept.lines += std::string("start ") + name_of(context) + written + "\n";
+            newest_first.push_back(each);
+        self.lines_ += std::string("start ") + name_of(context);
+        for (auto each = newest_first.rbegin(); each != newest_first.rend(); ++each)
+            self.lines_ += std::string(" ") + (*each)->name + "=" + quoted((*each)->value);
+        self.lines_ += "\n";
     });
 }
 
-void on_end(void *context, void *cookie)
+void listing::on_end(void *context, void *cookie)
 {
-    keep(cookie, [=](listing &kept) { kept.lines += std::string("end ") + name_of(context) + "\n"; });
+    listing &self = of(cookie);
+    self.guarded([&] { self.lines_ += std::string("end ") + name_of(context) + "\n"; });
 }
 
-void on_characters(const char *text, size_t length, void *cookie)
+void listing::on_characters(const char *text, std::size_t length, void *cookie)
 {
-    keep(cookie, [=](listing &kept) { kept.lines += "text " + quoted({text, length}) + "\n"; });
+    listing &self = of(cookie);
+    self.guarded([&] { self.lines_ += "text " + quoted({text, length}) + "\n"; });
 }
 
-void on_comment(const char *text, void *cookie, void *)
+void listing::on_comment(const char *text, void *cookie, void *)
 {
-    keep(cookie, [=](listing &kept) { kept.lines += "comment " + quoted(text) + "\n"; });
+    listing &self = of(cookie);
+    self.guarded([&] { self.lines_ += "comment " + quoted(text) + "\n"; });
 }
 
-void on_error(const char *message, void *cookie)
+void listing::on_error(const char *message, void *cookie)
 {
-    keep(cookie, [=](listing &kept) { kept.message = message; });
+    listing &self = of(cookie);
+    self.guarded([&] { self.message_ = message; });
 }
 
-constexpr sax_callbacks callbacks = {on_start, on_end, nullptr, nullptr, on_characters, on_comment, on_error};
+// The line of the byte that the stream stands behind, counted from 1. Drops what the stream has read ahead.
+std::size_t listing::line_at(FILE *stream)
+{
+    ended_ = true;
+    std::size_t read_ahead = 0;
+    while (getc(stream) != EOF)
+        read_ahead++;
+    const std::size_t taken = piece_.size() - read_ahead;
+    const std::string_view before(piece_.data(), taken > 0 ? taken - 1 : 0);
+    return line_feeds_before_piece_ + line_feeds(before) + 1;
+}
 
 struct close_stream {
     void operator()(FILE *stream) const
@@ -80,31 +169,25 @@ struct close_stream {
     }
 };
 
-// The line of the last byte that was read.
-std::size_t line_at(std::string_view content, long read)
+void listing::read_document()
 {
-    const std::string_view before = content.substr(0, read > 0 ? static_cast<std::size_t>(read) - 1 : 0);
-    return static_cast<std::size_t>(std::count(before.begin(), before.end(), '\n')) + 1;
+    const std::unique_ptr<FILE, close_stream> stream(
+        fopencookie(this, "r", {on_read, nullptr, nullptr, nullptr}));
+    if (!stream)
+        throw plain_failure(name_ + ": " + strerror(errno));
+    const int result = sax_parse_file(stream.get(), &callbacks, this);
+    if (failed_)
+        std::rethrow_exception(failed_);
+    write_lines();
+    if (result != 0)
+        throw failure_in_line(name_, line_at(stream.get()), message_);
 }
 
 } // namespace
 
-xml_events list_xml_events(const std::string &name, const std::string &content)
+void list_xml_events(const std::string &path, const std::function<void(const std::string &)> &write)
 {
-    if (content.empty())
-        return {};
-    const std::unique_ptr<FILE, close_stream> stream(
-        fmemopen(const_cast<char *>(content.data()), content.size(), "r")); // "r" leaves the bytes alone
-    if (!stream)
-        throw plain_failure(name + ": " + strerror(errno));
-    listing kept;
-    errno = 0;
-    const int result = sax_parse_file(stream.get(), &callbacks, &kept);
-    if (kept.out_of_memory || (result != 0 && errno == ENOMEM))
-        throw std::bad_alloc();
-    if (result == 0)
-        return {kept.lines, {}};
-    return {kept.lines, failure_in_line(name, line_at(content, ftell(stream.get())), kept.message)};
+    listing(path, write).read_document();
 }
 
 } // namespace qvl

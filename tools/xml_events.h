@@ -2,20 +2,16 @@
 #ifndef QVL_XML_EVENTS_H
 #define QVL_XML_EVENTS_H
 
-#include <optional>
+#include <functional>
 #include <string>
-#include "failure.h"
 
 namespace qvl
 {
 
-struct xml_events {
-    std::string lines;            // one for each event, up to the fault
-    std::optional<failure> fault; // at "FILE:LINE", with the reader's message
-};
-
-// Reads the document `content` of the file `name`.
-xml_events list_xml_events(const std::string &name, const std::string &content);
+// Reads the document `path`, "-" for standard input, and hands its events to `write` as they come, one a
+// line, some lines at a time. Throws failure, at "FILE:LINE" with the reader's message where the document is
+// refused, after the events before; passes on what `write` throws.
+void list_xml_events(const std::string &path, const std::function<void(const std::string &)> &write);
 
 } // namespace qvl
 

@@ -1,6 +1,6 @@
 /* What the library's headers need of the compiler: C linkage, visibility, checked format strings, a mark for
- * what C99 has and C++ has as an extension (flexible array members), and one for functions that are called as often
- * as malloc: position-independent programs call them without the jump through their linkage table. */
+ * what C99 has and C++ has as an extension (flexible array members), and one for functions that are called as
+ * often as malloc: position-independent programs call them without the jump through their linkage table. */
 #ifndef QVLIB_COMPILER_H
 #define QVLIB_COMPILER_H
 

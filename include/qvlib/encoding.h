@@ -2,10 +2,18 @@
  * Encodings, checksums and integer helpers: bytes to text and back (base32 with a check symbol, base64, hex),
  * CRC-32C, FNV-1a hashes, Fibre Channel loop addresses, bit counts, roots and size units.
  *
- * Buffers are the caller's and nothing is allocated; input and output may not overlap. Bytes after the input
- * are read, and bytes after the result written, only where a function names its spare byte. A NULL input
- * counts as an empty one unless a function says otherwise. No function sets errno.
+ * Input and output may not overlap. Bytes after the input are read, and bytes after the result written, only
+ * where a function names its spare byte. A NULL input counts as an empty one unless a function says
+ * otherwise.
  *
+ * in   the input
+ * len  bytes of input
+ * buf  the bytes
+ * s    a text, NUL-terminated
+ * v    the number
+ *
+ * Errors: failures are results; no function sets errno or logs.
+ * Ownership: buffers are the caller's and nothing is allocated or kept.
  * Threads: no state is kept; any thread may call any function.
  */
 #ifndef QVLIB_ENCODING_H
@@ -94,6 +102,7 @@ size_t hex_encode(const uint8_t *in, size_t len, char *out);
  * Reads a text of hex digits in either case, with or without "0x" in front; an odd number of digits gives a
  * first byte below 16.
  *
+ * str      the digits, NUL-terminated
  * out      takes one byte for each pair of digits begun
  * outsize  bytes expected at most: one more than this is accepted too, so out has a spare byte
  *
@@ -113,32 +122,40 @@ int hex_decode(const char *str, uint8_t *out, size_t outsize);
  */
 uint32_t crc32c(const void *buf, size_t len);
 
-/* Returns the same of the bytes of a vector's entries in order; a count of 0 or less is an empty vector. */
+/*
+ * Returns crc32c of the bytes of a vector's entries in order.
+ *
+ * iov     the entries
+ * iovcnt  number of entries; 0 or less is an empty vector
+ */
 uint32_t crc32cv(const struct iovec *iov, int iovcnt);
 
-/* Return the 32-bit and 64-bit FNV-1a hash of len bytes. */
+/* Returns the FNV-1a hash, of 32 or 64 bits, of len bytes. */
 uint32_t hash_buf(const void *buf, size_t len);
 uint64_t hash_buf_64(const void *buf, size_t len);
 
-/* Return the 32-bit and 64-bit FNV-1a hash of a text, without its NUL. */
+/* Returns the FNV-1a hash, of 32 or 64 bits, of a text, without its NUL. */
 uint32_t hash_str(const char *s);
 uint64_t hash_str_64(const char *s);
 
 /* ---- Fibre Channel ------------------------------------------------------------------------------------- */
 
 /*
- * Returns 1 when alpa is one of the 126 arbitrated-loop physical addresses of an NL_Port, 0x01 to 0xef, else
- * 0. The FL_Port's address 0x00 gives 0.
+ * Tells whether a number is one of the 126 arbitrated-loop physical addresses of an NL_Port, 0x01 to 0xef.
+ *
+ * alpa  any number; the FL_Port's address 0x00 is none
+ *
+ * Returns 1 when it is, else 0.
  */
 int is_valid_fc_al_pa(unsigned int alpa);
 
 /* ---- Integers ------------------------------------------------------------------------------------------ */
 
-/* Return the number of leading and trailing zero bits; 32 for 0. */
+/* Returns the number of leading, or trailing, zero bits; 32 for 0. */
 int clz(uint32_t v);
 int ctz(uint32_t v);
 
-/* Return the logarithm to base 2, rounded down; 0 for 0. */
+/* Returns the logarithm to base 2, rounded down; 0 for 0. */
 unsigned int qv_ilog2(uint32_t v);
 unsigned int qv_ilog2_64(uint64_t v);
 
@@ -146,10 +163,12 @@ unsigned int qv_ilog2_64(uint64_t v);
 uint32_t isqrt32(uint32_t v);
 
 /*
- * Compare two numbers by their signed 64-bit difference, with a tolerance on one side: *a one above *b counts
- * as equal, one below does not. Both functions give the same on every machine. NULL stands for 0.
+ * Compares two numbers by their signed 64-bit difference, with a tolerance on one side: *a one above *b
+ * counts as equal, one below does not. Both functions give the same on every machine.
  *
- * Return -1, 0 or 1 for *a less than, equal to or greater than *b.
+ * a, b  the numbers, in the machine's byte order; NULL stands for 0
+ *
+ * Returns -1, 0 or 1 for *a less than, equal to or greater than *b.
  */
 int cmpnumle64(const uint64_t *a, const uint64_t *b);
 int cmpnumbe64(const uint64_t *a, const uint64_t *b);

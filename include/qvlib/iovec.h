@@ -6,6 +6,11 @@
  * cursor is an entry's index and a byte offset within that entry. No function changes the caller's vector; an
  * entry without a base pointer is passed over when bytes are copied.
  *
+ * iov     the entries
+ * iovcnt  number of entries
+ *
+ * Errors: errno is left alone, unless a function says so. Nothing is logged.
+ * Ownership: vectors and buffers stay the caller's; nothing is kept.
  * Threads: no state is kept; any thread may call any function.
  */
 #ifndef QVLIB_IOVEC_H
@@ -26,7 +31,7 @@ size_t size_iovec(const struct iovec *iov, int iovcnt);
  * offset  bytes into the entry, possibly beyond its end; updated
  * index   the entry; updated. A negative index is left alone, as is a cursor with a NULL pointer.
  *
- * Returns nothing. The cursor then points inside an entry, or *index is iovcnt when the vector is used up and
+ * The cursor then points inside an entry, or *index is iovcnt when the vector is used up and
  * *offset counts the bytes beyond its end.
  */
 void check_end_of_iov(const struct iovec *iov, int iovcnt, size_t *offset, int *index);
@@ -46,8 +51,6 @@ void *linearise_iovec(const struct iovec *iov, int iovcnt, void *buf, size_t len
  *
  * buf  the bytes; must not overlap the entries. With NULL nothing is copied.
  * len  bytes in buf; the copy ends there or at the end of the vector
- *
- * Returns nothing.
  */
 void delinearise_to_iovec(const struct iovec *iov, int iovcnt, const void *buf, size_t len);
 
@@ -59,7 +62,8 @@ void delinearise_to_iovec(const struct iovec *iov, int iovcnt, const void *buf, 
  * len         length of the range in bytes; 0 gives one or more empty entries
  * offset      first byte of the range, counted from the vector's beginning. An offset at the end of an entry
  *             begins the result with the entry behind it, empty or not; offset 0 with the first entry.
- * scratch     scratchcnt entries for the result; may be NULL. Its contents are undefined after a failure.
+ * scratch     entries for the result; may be NULL. They are undefined after a failure.
+ * scratchcnt  number of those entries
  * iov         the source; the new entries point into its buffers
  *
  * Returns 0, or -1 with *out and *outcnt untouched: the range ends beyond the data, the vector is empty, out

@@ -10,6 +10,8 @@
  * Cost: check_lock_add and check_lock_remove find sites and holdings by hashing, O(1) on average; a dump is
  * linear in the number of sites.
  *
+ * Errors: errno is not set, nothing is logged.
+ * Ownership: the checker keeps copies and releases them itself.
  * Threads: all functions but check_lock_init and check_lock_exit may be called from any thread; those two
  * must not run while another thread is in any of them. Each line of output is written whole. No lock of the
  * caller is needed.
@@ -49,6 +51,8 @@ size_t check_lock_add(const char *file, size_t line, int id, void *extra);
  * Records that a lock was given back: takes 1 off the count of the site where the id was added and forgets
  * the holding, and the site when its count is 0. Prints "Could not find reference to remove" for an unknown
  * id.
+ *
+ * id  as it was given to check_lock_add
  */
 void check_lock_remove(int id);
 

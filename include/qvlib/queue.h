@@ -6,6 +6,12 @@
  * Items may move from a slot to a list and from list to list. What depends on the items is decided by
  * callbacks that are given once, to q_init.
  *
+ * q     the container
+ * item  the item; may be NULL
+ * key   its value modulo S is the slot
+ * list  index of a list, 0 to L - 1
+ * arg   handed to the callback as it is
+ *
  * Ownership: the container owns its elements, never the items; a callback that ends an item's stay must
  * release the item itself. An element that a function returns is valid until it is removed.
  *
@@ -29,26 +35,41 @@
 
 QV_BEGIN_DECLS
 
+/* An element: the container's record of an item. */
 typedef struct q_elem {
     struct q_elem *next, *prev; /* neighbours in a list; not used while the element is in a slot */
     void *data;                 /* the item; not used in a list head */
 } q_elem;
 
+/* A container. */
 typedef struct q_queue q_queue;
 
+/* Tells by a non-zero result whether an item has a key. */
 typedef int (*q_compare_fn)(void *item, unsigned int key, unsigned int flags, ...);
+
+/* Decides about an item, or tells whether it is meant; each function that takes one says which. */
 typedef int (*q_item_fn)(void *item, void *arg);
+
+/*
+ * Works on an element or an item, see q_work_queue and q_work_list; the results of a walk are ORed together.
+ */
 typedef int (*q_work_fn)(q_queue *q, void *what, void *arg, int zero);
+
+/* Tells by a non-zero result whether an element counts. */
 typedef int (*q_count_fn)(q_elem *elem);
+
+/* Shows an item under a label. */
 typedef int (*q_dump_fn)(void *item, void *arg, const char *label);
 
+/* A container. Its fields are read only; q_init sets the callbacks. */
 struct q_queue {
-    uint32_t list_count;
-    q_elem *lists; /* list_count heads; the head of an empty list points to itself both ways */
-    q_item_fn delete_fn;
-    q_compare_fn compare;
-    q_item_fn clean_fn, filter_fn;
-    uint32_t slot_count;
+    uint32_t list_count;          /* number of lists */
+    q_elem *lists;                /* their heads; that of an empty list points to itself both ways */
+    q_item_fn delete_fn;          /* decides for the delete functions */
+    q_compare_fn compare;         /* finds items by keys */
+    q_item_fn clean_fn;           /* decides for the clean functions */
+    q_item_fn filter_fn;          /* refuses additions; may be NULL */
+    uint32_t slot_count;          /* number of slots */
     QV_EXTENSION q_elem *slots[]; /* NULL for an empty slot */
 };
 
@@ -99,7 +120,13 @@ q_queue *q_init(unsigned int slot_count, unsigned int list_count, q_compare_fn c
  */
 q_elem *q_add_queue(q_queue *q, void *item, unsigned int key, void *arg);
 
-/* Appends an item at the tail of a list. O(1). As q_add_queue, NULL too for a bad index. */
+/*
+ * Appends an item at the tail of a list. O(1).
+ *
+ * arg  handed to the filter callback
+ *
+ * Returns the new element, or NULL when filter refuses the item, memory is short or the index is bad.
+ */
 q_elem *q_add_list(q_queue *q, void *item, unsigned int list, void *arg);
 
 /*
@@ -108,17 +135,19 @@ q_elem *q_add_list(q_queue *q, void *item, unsigned int list, void *arg);
  *
  * flags  Q_SKIP_SLOT, Q_SLOT_ONLY, Q_ANY_OCCUPANT; handed to compare for the slot, which gets 0 for lists
  *
- * Returns the element, or NULL when nothing matches.
+ * Returns the element, or its item from q_refer; NULL when nothing matches.
  */
 q_elem *q_refer_element(q_queue *q, unsigned int key, unsigned int flags);
-
-/* As q_refer_element, but returns the element's item. */
 void *q_refer(q_queue *q, unsigned int key, unsigned int flags);
 
-/* Finds the first match in one list. O(n). Returns the element, or NULL when nothing matches. */
+/*
+ * Finds the first match in one list. O(n).
+ *
+ * key  handed to compare
+ *
+ * Returns the element, or its item from q_refer_list; NULL when nothing matches.
+ */
 q_elem *q_refer_list_element(q_queue *q, unsigned int list, unsigned int key);
-
-/* As q_refer_list_element, but returns the element's item. */
 void *q_refer_list(q_queue *q, unsigned int list, unsigned int key);
 
 /*
@@ -131,6 +160,9 @@ int q_q2l(q_queue *q, unsigned int list, unsigned int key);
 /*
  * Moves the first match of one list to the tail of another, or of the same one. O(n).
  *
+ * from, to  indexes of lists, 0 to L - 1
+ * key       handed to compare
+ *
  * Returns 0, or -1 when nothing matches.
  */
 int q_l2l(q_queue *q, unsigned int from, unsigned int to, unsigned int key);
@@ -139,14 +171,28 @@ int q_l2l(q_queue *q, unsigned int from, unsigned int to, unsigned int key);
  * Calls fn(q, element, arg, 0) for every slot in order, with a NULL element for an empty one. O(S). Note that
  * the callback gets the element here and the item from q_work_list.
  *
+ * fn  the callback
+ *
  * Returns the bitwise OR of the results, or -1 for a NULL queue or callback.
  */
 int q_work_queue(q_queue *q, q_work_fn fn, void *arg);
 
-/* Calls fn(q, item, arg, 0) for every element of a list from head to tail. O(n). Returns as q_work_queue. */
+/*
+ * Calls fn(q, item, arg, 0) for every element of a list from head to tail. O(n).
+ *
+ * fn  the callback
+ *
+ * Returns the bitwise OR of the results, or -1 for a NULL queue or callback and a bad index.
+ */
 int q_work_list(q_queue *q, unsigned int list, q_work_fn fn, void *arg);
 
-/* Does q_work_queue, then q_work_list for each list in order. O(S + L + n). Returns the OR over all. */
+/*
+ * Does q_work_queue, then q_work_list for each list in order. O(S + L + n).
+ *
+ * fn  gets the elements of slots and the items of lists
+ *
+ * Returns the bitwise OR over all, or -1 for a NULL queue or callback.
+ */
 int q_work_all(q_queue *q, q_work_fn fn, void *arg);
 
 /* Returns the number of occupied slots. O(S). */
@@ -155,18 +201,33 @@ unsigned int q_queuecount(q_queue *q);
 /* Returns the number of elements in a list. O(n). */
 unsigned int q_listcount(q_queue *q, unsigned int list);
 
-/* Returns the number of elements of a list for which fn(element) is non-zero. O(n). */
+/*
+ * Counts the elements of a list for which fn(element) is non-zero. O(n).
+ *
+ * fn  the callback
+ *
+ * Returns their number, 0 for a NULL queue or callback and a bad index.
+ */
 unsigned int q_listcount_filter(q_queue *q, unsigned int list, q_count_fn fn);
 
 /*
  * Calls fn(item, arg, label) for every occupied slot in order; slot 10 has the label "Elm:000a". O(S).
  * The label is valid during the call only.
  *
+ * fn  the callback
+ *
  * Returns the last callback result, 0 when nothing was called.
  */
 int q_dump_queue(q_queue *q, q_dump_fn fn, void *arg);
 
-/* As q_dump_queue for every element of a list from head to tail; list 10 has the label "List a". O(n). */
+/*
+ * Calls fn(item, arg, label) for every element of a list from head to tail; list 10 has the label "List a".
+ * O(n).
+ *
+ * fn  the callback
+ *
+ * Returns the last callback result, 0 when nothing was called.
+ */
 int q_dump_list(q_queue *q, unsigned int list, q_dump_fn fn, void *arg);
 
 /*
@@ -199,7 +260,8 @@ int q_clean(q_queue *q, void *arg);
 /*
  * Offers the items that match to delete(item, delete_arg), slot after slot, until it decides for one. O(S).
  *
- * match  (item, match_arg): non-zero when the item is meant
+ * match                  (item, match_arg): non-zero when the item is meant
+ * match_arg, delete_arg  handed to the callbacks as they are
  *
  * Returns 1 when an element was removed and freed, 0 when the slots are exhausted, any other result than
  * Q_DELETE_NEXT as it is, or -1 without a match or delete callback.
@@ -209,6 +271,9 @@ int q_delete_queue(q_queue *q, q_item_fn match, void *match_arg, void *delete_ar
 /*
  * As q_delete_queue, for the elements of a list from head to tail. O(n).
  *
+ * match                  (item, match_arg): non-zero when the item is meant
+ * match_arg, delete_arg  handed to the callbacks as they are
+ *
  * Returns as q_delete_queue, but Q_DELETE_NEXT when the list is exhausted and the last match was kept so.
  */
 int q_delete_list(q_queue *q, unsigned int list, q_item_fn match, void *match_arg, void *delete_arg);
@@ -216,6 +281,9 @@ int q_delete_list(q_queue *q, unsigned int list, q_item_fn match, void *match_ar
 /*
  * Does q_delete_queue, then q_delete_list for each list in order, up to the first that returns non-zero: at
  * most one element is removed. O(S + L + n).
+ *
+ * match                  (item, match_arg): non-zero when the item is meant
+ * match_arg, delete_arg  handed to the callbacks as they are
  *
  * Returns that result, or 0.
  */
@@ -227,6 +295,8 @@ int q_delete(q_queue *q, q_item_fn match, void *match_arg, void *delete_arg);
  * Calls delete(item, arg) for every item, slots first, when the container has that callback. Elements of
  * slots are freed in any case; an element of a list for which delete returns anything but Q_DELETE_REMOVE
  * stays allocated and unreachable, so keep its address when it is still wanted.
+ *
+ * arg  handed to the delete callback
  *
  * Returns 0, or -1 for a NULL queue.
  */

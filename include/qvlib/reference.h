@@ -10,6 +10,10 @@
  * C library has no pthread_spin_* functions, this library also exports them, weak, over the same lock word;
  * elsewhere it defines none.
  *
+ * ref  the record, prepared by qv_reference_prep
+ *
+ * Errors: an error number is returned or stands in errno as each function says. Nothing is logged.
+ * Ownership: the record is the caller's, who keeps it while references are held.
  * Threads: acquire and release may be called from any thread while a reference is held or being acquired by
  * its owner; prep needs exclusive use.
  */
@@ -21,11 +25,12 @@
 
 QV_BEGIN_DECLS
 
+/* A reference: the count, its lock and what ends it. */
 typedef struct {
     int32_t count;           /* references held; changed under the lock only */
     void *lock;              /* lock word; NULL once the last reference went */
     void (*release)(void *); /* called after the last reference went; may be NULL */
-    void *release_arg;
+    void *release_arg;       /* handed to release */
 } qv_reference;
 
 /*
@@ -64,8 +69,11 @@ int qv_reference_release(qv_reference *ref);
  * Names the calling thread for the system's thread listings.
  *
  * fmt  printf format of the name; the system keeps the first 15 characters
+ * ...  what the format asks for
  *
  * Returns the result of prctl(PR_SET_NAME), which is 0; -1 with errno EINVAL for a NULL fmt.
+ * Ownership: the name is copied.
+ * Threads: any; each names itself.
  */
 int qvthread_setname(const char *fmt, ...) QV_PRINTF(1, 2);
 

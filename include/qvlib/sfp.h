@@ -1,9 +1,12 @@
 /*
  * SFP and GBIC transceivers: the identification block (SFF-8472, two-wire address A0h) in words.
  *
- * A decoder compares a code byte with the values that it knows; bits are not decoded one by one. Decoders
- * never return NULL, and their texts are constant: nobody releases them.
+ * A decoder compares a code byte with the values that it knows; bits are not decoded one by one.
  *
+ * code  the byte of the block
+ *
+ * Errors: decoders do not fail. errno is the allocator's where memory is short; nothing is logged.
+ * Ownership: the decoders' texts are constant; nobody releases them.
  * Threads: no state is kept; any thread may call any function.
  */
 #ifndef QVLIB_SFP_H
@@ -17,6 +20,7 @@ QV_BEGIN_DECLS
 /* Bytes of the identification block that sfp_to_corelink reads. */
 enum { SFP_BLOCK_SIZE = 84 };
 
+/* Returns the text of one byte of the block, never NULL. */
 const char *sfp_id(unsigned char code);           /* byte 0, identifier */
 const char *sfp_connector(unsigned char code);    /* byte 2, connector */
 const char *sfp_fc_rscc(unsigned char code);      /* byte 3; "Reserved", whatever the code */
@@ -26,10 +30,19 @@ const char *sfp_fc_trans(unsigned char code);     /* byte 9, Fibre Channel trans
 const char *sfp_fc_speed(unsigned char code);     /* byte 10, Fibre Channel speed */
 const char *sfp_encoding(unsigned char code);     /* byte 11, encoding */
 
-/* SONET compliance: byte 4 decides when its value is known, else byte 5. */
+/*
+ * Returns the SONET compliance, never NULL: byte 4 decides when its value is known, else byte 5.
+ *
+ * byte4, byte5  those bytes of the block
+ */
 const char *sfp_fc_sonet(unsigned char byte4, unsigned char byte5);
 
-/* Fibre Channel technology: bits 2 to 0 of byte 7 decide when their value is known, else byte 8. */
+/*
+ * Returns the Fibre Channel technology, never NULL: bits 2 to 0 of byte 7 decide when their value is known,
+ * else byte 8.
+ *
+ * byte7, byte8  those bytes of the block
+ */
 const char *sfp_fc_tx(unsigned char byte7, unsigned char byte8);
 
 /*

@@ -8,7 +8,11 @@
  * qv_log_init starts the feed that logging writes to and qv_log_exit stops it; these functions serve programs
  * that want a feed of their own.
  *
+ * handle  a feed of tellog_start
+ *
  * Errors: nothing is logged here, since a log that logs would call itself.
+ * Ownership: a feed owns its descriptors and threads.
+ * Threads: any thread may call.
  */
 #ifndef QVLIB_TELNET_LOG_H
 #define QVLIB_TELNET_LOG_H
@@ -45,11 +49,12 @@ int tellog_finish(void *handle);
  * handle  a feed; with NULL, or while no client is connected, nothing is formatted or allocated
  * level   shown as its label, see log_level
  * fmt     printf format without a line end; texts of more than 1021 bytes are cut. NULL sends nothing
+ * ap      what the format asks for; spent afterwards
  *
  * A client whose connection has failed is dropped. So is one that has made no room for the message two
  * seconds after it was logged; those two seconds are for all clients together, and the caller waits for them.
  * While qv_memcheck_stop runs they are a quarter of a second.
- * A message that memory is short for is dropped. Returns nothing and leaves errno as it was.
+ * Errors: a message that memory is short for is dropped. errno stays as it was.
  * Threads: any; the messages of several threads reach each client whole and in one order.
  */
 void qv_vtellog(void *handle, int level, const char *fmt, va_list ap) QV_PRINTF(3, 0);

@@ -15,8 +15,14 @@
  * is lost, the next message is joined to it, under the first one's header. Where that matters, carry the
  * body's length in param1 or param2 and compare.
  *
+ * fd      an IPv4 UDP socket
+ * port    destination port, host order
+ * data    the body; may be NULL when length is 0
+ * length  bytes in data
+ *
  * Errors: -1 with errno of the failing system call or as each function says; nothing is logged.
  *
+ * Ownership: nothing is kept of a message that is sent; one that is received is the caller's.
  * Threads: no lock. Several threads may send through one socket, but fragments of messages sent to one port
  * at the same time interleave and cannot be told apart: one reader and one sender at a time per receiving
  * socket.
@@ -32,15 +38,17 @@ QV_BEGIN_DECLS
 
 struct sockaddr_in; /* <netinet/in.h> */
 
+/* The header of a datagram: 48 bytes. */
 typedef struct {
     uint32_t type_flags;   /* type in the most significant byte, last-fragment flag in bit 0, else 0 */
-    uint32_t param1;
+    uint32_t param1;       /* the daemons' */
     char name[32];         /* NUL-padded; not terminated when it has 32 characters */
-    uint32_t param2;
+    uint32_t param2;       /* the daemons' */
     uint16_t fragment;     /* counts up from 0, modulo 65536; set by the sending functions */
     uint16_t fragment_len; /* bytes that follow in this datagram, 0 to 4096; set by the sending functions */
-} corelink_msghdr;         /* 48 bytes */
+} corelink_msghdr;
 
+/* A message that was received. */
 typedef struct {
     void *data;      /* the header of the first fragment, 48 bytes, then the message's body */
     uint32_t length; /* bytes in data, header included */
@@ -61,11 +69,7 @@ int corelink_setup_socket(const char *service);
 /*
  * Sends one message to a port of 127.0.0.1. A message of length 0 is one datagram, the header alone.
  *
- * fd      an IPv4 UDP socket
- * port    destination port, host order
  * header  left as it is; its last-fragment flag, fragment and fragment_len do not count
- * data    the body; may be NULL when length is 0
- * length  bytes in data
  *
  * Returns 0 when the kernel has taken all fragments, or -1 with errno of the first sendmsg that failed; what
  * was sent before stays sent, and its receiver will join it with what arrives next. EINVAL for a NULL header,
@@ -77,8 +81,11 @@ int corelink_sendmsg(int fd, uint16_t port, const corelink_msghdr *header, const
 /*
  * As corelink_sendmsg, with the header's fields as arguments.
  *
- * type  its low 8 bits count
- * name  its first 32 characters are sent; NULL is sent as an empty one
+ * type            its low 8 bits count
+ * param1, param2  the daemons'
+ * name            its first 32 characters are sent; NULL is sent as an empty one
+ *
+ * Returns 0, or -1 as corelink_sendmsg.
  */
 int corelink_sendmsg_parts(int fd, uint16_t port, unsigned int type, uint32_t param1, const char *name,
                            uint32_t param2, const void *data, uint32_t length);

@@ -13,17 +13,24 @@
  * number in host order: (uint64_t)key_hi << 32 | key_lo.
  *
  * Handles: the walkers and tree_destroy take the address of the caller's pointer to the head, so that
- * callbacks can follow a head that changes; each such argument is called `handle`.
+ * callbacks can follow a head that changes.
  *
  * Cost: n is the number of nodes, h the height of the tree: O(log n) for a red-black tree, up to n for a
  * plain one that was filled with sorted keys. No function recurses over the height; the walks keep the way
  * back in 8 KiB of stack and take more from the heap when h passes 1024 (without memory they go on, at a cost
  * of O(n * h / 1024)).
  *
+ * head    the tree's head
+ * node    a node of the caller's
+ * key     (uint64_t)key_hi << 32 | key_lo
+ * handle  address of the caller's pointer to the head
+ * item    the item; may be NULL, but the walks pass over it then
+ * fn      the callback
+ * arg     handed to the callback as it is
+ *
+ * Errors: a NULL head, node, link, handle or callback gives the ordinary failure result. errno is set where a
+ * function says so. Nothing is logged.
  * Ownership: items always remain the caller's.
- *
- * Errors: a NULL head, node, link, handle or callback gives the ordinary failure result. Nothing is logged.
- *
  * Threads: no lock is taken but the one handed to work_treenode_locked. Functions that only read may run at
  * the same time on one tree; a change needs exclusive use of it. Each function says what it needs.
  */
@@ -36,11 +43,12 @@
 
 QV_BEGIN_DECLS
 
+/* A node, or a tree's head. */
 typedef struct tree_node {
-    uint32_t key_hi, key_lo;
-    void *data; /* the item */
-    struct tree_node *left, *right;
-    uint32_t word; /* AVL: height, red-black: 1 for red; the caller's in a plain tree */
+    uint32_t key_hi, key_lo;        /* the key's upper and lower half */
+    void *data;                     /* the item */
+    struct tree_node *left, *right; /* smaller and greater keys; NULL for none */
+    uint32_t word;                  /* AVL: height, red-black: 1 for red; the caller's in a plain tree */
 } tree_node;
 
 /*
@@ -49,7 +57,9 @@ typedef struct tree_node {
  */
 typedef int (*tree_work_fn)(tree_node **handle, void *item, void *arg);
 
-/* ---- Reading: any tree; no change meanwhile ------------------------------------------------------------ */
+/* ---- Reading: any tree --------------------------------------------------------------------------------- */
+
+/* Threads: no change by others meanwhile. */
 
 /*
  * Finds a node. O(h).
@@ -65,7 +75,7 @@ void *search_tree(tree_node *head, uint64_t key);
 /*
  * Finds the node with the least, or the greatest, key. O(h).
  *
- * key  set to the node's key on success; may be NULL
+ * key  takes the node's key on success; may be NULL
  *
  * Returns its item, or NULL with errno ENOENT for an empty tree.
  */
@@ -86,7 +96,9 @@ int count_nodes(tree_node *head);
 int get_node_list(tree_node *head, uint64_t *keys, int capacity);
 int get_node_list_data(tree_node *head, void **items, int capacity);
 
-/* ---- Plain trees: exclusive use ------------------------------------------------------------------------ */
+/* ---- Plain trees --------------------------------------------------------------------------------------- */
+
+/* Threads: exclusive use. */
 
 /*
  * Links a node whose key and item are set and whose links are NULL. O(h).
@@ -97,8 +109,12 @@ int get_node_list_data(tree_node *head, void **items, int capacity);
 int generic_insert_node(tree_node *head, tree_node *node);
 
 /*
- * Unlinks the node that a link of generic_find_node points at. O(h). The node keeps its fields and belongs to
- * the caller. A node with two children is replaced by the one with the next smaller key.
+ * Unlinks the node that a link of generic_find_node points at. O(h). A node with two children is replaced by
+ * the one with the next smaller key.
+ *
+ * link  a result of generic_find_node
+ *
+ * Ownership: the node keeps its fields and belongs to the caller.
  */
 void generic_remove_node(tree_node **link);
 
@@ -109,7 +125,7 @@ void generic_remove_node(tree_node **link);
  * nodes, and replace the head. O(n), and one allocation of n nodes.
  *
  * mutex  the lock that guards the tree; locked for the copy alone, not while nodes are counted or callbacks
- * run. May be NULL for no lock.
+ *        run. NULL for no lock.
  *
  * The nodes are counted before the lock is taken. When the tree has grown until the copy is made, only as
  * many items as were counted are visited; when it has shrunk, all that are left. Nodes must not be freed
@@ -121,7 +137,12 @@ void generic_remove_node(tree_node **link);
  */
 int work_treenode_locked(tree_node **handle, tree_work_fn fn, void *arg, pthread_mutex_t *mutex);
 
-/* As work_treenode_locked without a mutex: no change by others until the copy is made. */
+/*
+ * As work_treenode_locked without a mutex.
+ *
+ * Returns the bitwise OR of the results; 0 for an empty tree, and when the copy cannot be allocated.
+ * Threads: no change by others until the copy is made.
+ */
 int work_treenode(tree_node **handle, tree_work_fn fn, void *arg);
 
 /*
@@ -137,7 +158,9 @@ int work_treenode(tree_node **handle, tree_work_fn fn, void *arg);
 int tree_destroy(tree_node **handle, void (*item_fn)(void *item),
                  tree_node *(*tree_fn)(tree_node *head, void *item));
 
-/* ---- AVL trees: exclusive use -------------------------------------------------------------------------- */
+/* ---- AVL trees ----------------------------------------------------------------------------------------- */
+
+/* Threads: exclusive use. */
 
 /*
  * Adds an item. The nodes' `word` is their height as last computed, 1 for a leaf.
@@ -157,14 +180,18 @@ int tree_destroy(tree_node **handle, void (*item_fn)(void *item),
 tree_node *avl_create_node(tree_node *head, uint64_t key, void *item);
 
 /*
- * Removes a key and frees its node. Cost as avl_create_node.
+ * Removes a key and frees its node.
+ *
+ * Cost: as avl_create_node.
  *
  * Returns the head, with errno ENOENT when the key is absent, or NULL when the tree has become empty; the
  * head is then freed.
  */
 tree_node *avl_delete_node(tree_node *head, uint64_t key);
 
-/* ---- Red-black trees: exclusive use -------------------------------------------------------------------- */
+/* ---- Red-black trees ----------------------------------------------------------------------------------- */
+
+/* Threads: exclusive use. */
 
 /*
  * Adds an item. O(log n). A present key keeps its first item.

@@ -46,9 +46,11 @@ inline bool is_class(char c, int classes)
 // The first quote or backslash, or `end`.
 inline const char *find_quote_or_backslash(const char *at, const char *end)
 {
-    for (; end - at >= 8; at += 8)
-        if (const uint64_t word = load_word(at); word_has(word, '"') || word_has(word, '\\'))
-            break;
+    for (; end - at >= 8; at += 8) {
+        const uint64_t word = load_word(at);
+        if (const uint64_t places = places_of(word, '"') | places_of(word, '\\'))
+            return at + first_place(places);
+    }
     while (at < end && *at != '"' && *at != '\\')
         at++;
     return at;
@@ -83,6 +85,8 @@ inline lexeme word_lexeme(const char *text)
         (length == 4 && memcmp(text, "true", 4) == 0) || (length == 5 && memcmp(text, "false", 5) == 0);
     return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
 }
+
+constexpr uint64_t eight_spaces = UINT64_C(0x2020202020202020);
 
 inline unsigned int digit_value(char c)
 {
@@ -120,8 +124,11 @@ inline lexeme number_lexeme(const char *text)
 // all.
 inline lexeme next_lexeme(const char *at, const char *end, const char *lonely)
 {
-    while (is_class(*at, blank))
+    while (is_class(*at, blank)) {
         at++;
+        while (end - at >= 8 && load_word(at) == eight_spaces)
+            at += 8;
+    }
     if (is_class(*at, letter))
         return word_lexeme(at);
     if (*at == '"')

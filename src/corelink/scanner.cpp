@@ -43,23 +43,28 @@ char *allocate_text(size_t length)
     return static_cast<char *>(qv_memcheck_malloc(malloc, length + 1, "yylex", __LINE__));
 }
 
-// Only an escaped quote and an escaped backslash are undone; every other pair stays as it is written.
-void unescape(char *to, const char *text, const char *end)
+// Only an escaped quote and an escaped backslash are undone; every other pair stays as it is written. Writes
+// what fits between `to` and `to_end`, which is all.
+void unescape(char *to, const char *to_end, const char *text, const char *end)
 {
-    for (;;) {
-        const auto rest = static_cast<size_t>(end - text);
-        const auto *backslash = static_cast<const char *>(memchr(text, '\\', rest));
-        if (!backslash) {
-            memcpy(to, text, rest);
-            return;
+    while (text < end) {
+        if (end - text >= 8 && to_end - to >= 8) {
+            const uint64_t word = load_word(text);
+            const uint64_t backslashes = places_of(word, '\\');
+            const int plain = backslashes ? first_place(backslashes) : 8;
+            store_word(to, word);
+            to += plain;
+            text += plain;
+            if (!backslashes)
+                continue;
+        } else if (*text != '\\') {
+            *to++ = *text++;
+            continue;
         }
-        const auto plain = static_cast<size_t>(backslash - text);
-        memcpy(to, text, plain);
-        to += plain;
-        if (backslash[1] != '"' && backslash[1] != '\\')
+        text++; // in a string a backslash always has a successor
+        if (*text != '"' && *text != '\\')
             *to++ = '\\';
-        *to++ = backslash[1]; // in a string a backslash always has a successor
-        text = backslash + 2;
+        *to++ = *text++;
     }
 }
 
@@ -81,7 +86,7 @@ char *copy_string(const char *text, size_t length, size_t escapes)
         return copy_word(text, length);
     char *copy = allocate_text(length - escapes);
     if (copy) {
-        unescape(copy, text, text + length);
+        unescape(copy, copy + (length - escapes), text, text + length);
         copy[length - escapes] = '\0';
     }
     return copy;

@@ -57,12 +57,16 @@ int read_longer_token(token_scanner *scanner, clparse_token *value);
 // Reads the next token without marking its end in the text.
 inline int read_token(token_scanner *scanner, clparse_token *value)
 {
-    // Half of a document's tokens are punctuation: a call for each took a tenth of the time of a parse.
-    if (!is_class(*scanner->at, punctuation))
+    // Half of a document's tokens are punctuation, some behind a space: a call for each took a tenth of the
+    // time of a parse.
+    char *at = scanner->at;
+    at += *at == ' ';
+    if (!is_class(*at, punctuation))
         return read_longer_token(scanner, value);
-    scanner->text = scanner->at++;
+    scanner->text = at;
     scanner->length = 1;
-    return *scanner->text;
+    scanner->at = at + 1;
+    return *at;
 }
 
 // Gives the text back the character that marks the last token's end.

@@ -254,22 +254,26 @@ clparse_node *clparse_find_child(const clparse_node *container, const char *tag)
 
 void clparse_free_children(clparse_node *container)
 {
+    // Freed in passing: no link is mended but the sentinel's at the end.
     clparse_node *level = container; // its children are being freed
+    clparse_node *child = level->value.children ? level->value.children->next : nullptr;
     for (;;) {
-        clparse_node *child = level->value.children ? first_child(level) : nullptr;
-        if (child && is_container(child)) {
-            child->parent = level; // the way back, whatever was stored there
-            level = child;
-            continue;
-        }
-        if (!child) {
+        if (child == level->value.children) {
+            if (child)
+                child->next = child->prev = child;
             if (level == container)
                 return;
             child = level;
             level = level->parent;
+        } else if (is_container(child)) {
+            child->parent = level; // the way back, whatever was stored there
+            level = child;
+            child = level->value.children ? level->value.children->next : nullptr;
+            continue;
         }
-        unlink_node(child);
+        clparse_node *next = child->next;
         free_node(child);
+        child = next;
     }
 }
 

@@ -54,7 +54,7 @@ bool append_quoted(text_builder &text, const char *value)
         const char *end = value + count;
         while (value < end) {
             const ptrdiff_t next = end - value < 8 ? end - value : 8;
-            if (const uint64_t word = next == 8 ? load_word(value) : 0; next == 8 && !word_has(word, '"')) {
+            if (const uint64_t word = next == 8 ? load_word(value) : 0; next == 8 && !places_of(word, '"')) {
                 store_word(to, word);
                 to += 8;
                 value += 8;
