@@ -2,9 +2,10 @@
 //
 //   scripts/fuzz 60 relay_pdu
 //
-// An input is a row of PDUs, each behind one byte that says how many bytes it has. Nobody should listen on
-// port 8008: an OPEN of the remote end is then refused, and no connection is left for the next input.
+// An input is a row of PDUs, each behind one byte that says how many bytes it has. The GUI server is not
+// there: an OPEN of the remote end is refused, and no connection is left for the next input.
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -13,6 +14,15 @@
 
 #include "fuzz_input.h"
 #include "pdu_input.h"
+
+struct addrinfo;
+
+extern "C" int __wrap___qvsock_connect(const addrinfo *, const char *, const char *, const char *, int, int,
+                                       const char *, int)
+{
+    errno = ECONNREFUSED;
+    return -1;
+}
 
 namespace
 {
