@@ -205,11 +205,16 @@ void read_any_bytes(const std::string &content)
 
 void list_events(const std::string &content)
 {
+    const memory_file file(content);
     failing_alloc::live_blocks account; // of a tag that is cut short, some stay
-    const qvl::xml_events events = qvl::list_xml_events("f", content);
-    require(is_fit_for_a_terminal(events.lines, "\n"), "events in words");
-    if (events.fault)
-        check(*events.fault, content);
+    try {
+        qvl::list_xml_events(file.path(), [](const std::string &lines) {
+            require(is_fit_for_a_terminal(lines, "\n"), "control characters in events");
+            require(lines.empty() || lines.back() == '\n', "events that are no lines");
+        });
+    } catch (const failure &fault) {
+        check(fault, content);
+    }
 }
 
 } // namespace
