@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const socket_pair sockets;
     std::deque<std::string> waiting;
     while (!in.is_empty() && waiting.size() < most_datagrams) {
-        const std::string datagram = in.text(in.number(2) % longest_datagram);
+        const std::string datagram = in.text(in.size(2) % longest_datagram);
         // An empty one without a sender's address would pass for the end of the stream.
         if (datagram.empty())
             continue;

@@ -48,6 +48,10 @@ class input
             value = value << 8 | byte();
         return value;
     }
+    size_t size(unsigned bytes)
+    {
+        return static_cast<size_t>(number(bytes));
+    }
     std::string text(size_t length)
     {
         const auto left = static_cast<size_t>(end_ - at_);

@@ -121,8 +121,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     while (!in.is_empty()) {
         const unsigned what = in.byte();
         // Mostly near the data's end, now and then far behind it.
-        const size_t first = what & 0x80 ? in.number(8) : in.number(2) % 700;
-        const size_t second = what & 0x40 ? in.number(8) : in.number(2) % 700;
+        const size_t first = what & 0x80 ? in.size(8) : in.size(2) % 700;
+        const size_t second = what & 0x40 ? in.size(8) : in.size(2) % 700;
         switch (what % 4) {
         case 0:
             cut_out(of, first, second, static_cast<int>(in.below(20)));

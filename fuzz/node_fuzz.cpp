@@ -193,7 +193,7 @@ class world
         list(root_, all);
         for (node *loose : loose_)
             list(loose, all);
-        return all[in.number(2) % all.size()];
+        return all[in.size(2) % all.size()];
     }
 
     bool is_loose(const node *of) const

@@ -74,7 +74,7 @@ void look(tree_node *head, const tree_models::node *root, const items &expected,
 
     std::vector<uint64_t> order;
     list_post_order(root, order);
-    const size_t capacity = key % 40 + 1;
+    const auto capacity = static_cast<size_t>(key % 40 + 1);
     std::vector<uint64_t> keys(capacity + 1);
     const int listed = get_node_list(head, keys.data(), static_cast<int>(capacity));
     require(listed == static_cast<int>(std::min(order.size(), capacity + 1)), "the number of listed keys");
