@@ -165,6 +165,7 @@ static void serve_channel(struct relay *relay, int channel)
     rgui_session *session = start_session(relay, channel);
     if (session != NULL)
         receive_pdus(channel, session);
+    shutdown(channel, SHUT_RDWR); /* so that no send waits for a peer that is given up */
     stop_session(relay);
     pthread_mutex_lock(&relay->state);
     relay->channel = -1;

@@ -372,7 +372,9 @@ stream_end forward_stream(const rgui_conn *conn)
             free(pdu);
             break;
         }
-        const ssize_t rest = recv(conn->socket, pdu->payload + 1, capacity - 1, MSG_DONTWAIT);
+        // What is left unread at a stop resets a peer that still sends, which might wait a minute otherwise.
+        const ssize_t rest =
+            conn->stop ? 0 : recv(conn->socket, pdu->payload + 1, capacity - 1, MSG_DONTWAIT);
         if (rest < 0 && errno != EAGAIN) {
             error = errno; // the PDU is not released, as docs/behaviours.md says
             break;
@@ -561,16 +563,14 @@ void *listener_thread(void *argument)
 
 // ---- The remote end's connections
 
-// Waits for a connection in progress; stopping the session ends the wait.
+// Waits for a connection in progress; stopping the session ends the wait. So does a signal: the thread may be
+// another session's, which is being stopped.
 bool await_connection(const rgui_session *session, int fd)
 {
     pollfd writable = {fd, POLLOUT, 0};
     int ready = 0;
-    while (ready == 0 && !session->stop) {
+    while (ready == 0 && !session->stop)
         ready = poll(&writable, 1, connect_slice_ms);
-        if (ready < 0 && errno == EINTR)
-            ready = 0;
-    }
     int error = 0;
     socklen_t size = sizeof error;
     return ready > 0 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;

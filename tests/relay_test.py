@@ -443,6 +443,24 @@ class RelayProcess(RelayTest):
             self.assertEqual(channel.recv(1), b"")
         self.remote.stop()
 
+    def test_gives_a_channel_up_whose_other_end_reads_nothing(self):
+        self.start_site()
+        self.local.stop()
+
+        def ask(channel, size):
+            channel.sendall(struct.pack(">BBHI", 2, 0, 1, 0))
+            request = f"GET /{size} HTTP/1.0\r\n\r\n".encode()
+            channel.sendall(struct.pack(">BBHI", 1, 0, 1, len(request)) + request)
+
+        with socket.create_connection(("127.0.0.1", self.channel_port), timeout=PATIENCE) as stuck:
+            ask(stuck, 50000000)
+            time.sleep(0.5)  # what comes waits everywhere
+            stuck.sendall(struct.pack(">BBHI", 1, 0, 1, 0xFFFFFFFF))
+            with socket.create_connection(("127.0.0.1", self.channel_port), timeout=PATIENCE) as channel:
+                ask(channel, 3)
+                self.assertEqual(self.read(channel, 4), struct.pack(">BBH", 1, 0, 1))
+        self.remote.stop()
+
     def test_speaks_the_framing_that_its_comment_tells(self):
         self.local.stop()
         with socket.create_connection(("127.0.0.1", self.channel_port), timeout=PATIENCE) as channel:

@@ -1108,6 +1108,23 @@ TEST_F(RguiRemote, OpensOneConnectionWhenTwoThreadsOpenOneId)
     EXPECT_THAT(channel_.sent(), ElementsAre(closed(6)));
 }
 
+TEST_F(RguiRemote, AnswersWithACloseWhenItsWaitForTheServerIsInterrupted)
+{
+    const usr1_handling restarting([](int) {}, SA_RESTART);
+    const busy_server server;
+    std::atomic<bool> done = false;
+    std::thread opening([&] {
+        EXPECT_EQ(give(session_, RGUI_OPEN, 5), -1);
+        done = true;
+    });
+    EXPECT_TRUE(peers::eventually([&] {
+        __real_pthread_kill(opening.native_handle(), SIGUSR1);
+        return done.load();
+    }));
+    opening.join();
+    EXPECT_THAT(channel_.sent(), ElementsAre(closed(5)));
+}
+
 // ---- Stopping
 
 TEST_F(RguiLocal, TellsOfEveryConnectionThatIsStopped)
@@ -1142,6 +1159,19 @@ TEST_F(RguiLocal, StopsWhileAWriteWaitsForAClientThatNeverReads)
     rgui_stop_local(session_);
     writing.join();
     session_ = nullptr;
+}
+
+// Were it read after the stop, a client that still sends would not be reset, and wait for its window to open.
+TEST_F(RguiLocal, LeavesUnreadWhatAStopOvertakes)
+{
+    start();
+    const during late_receives(receive_delay_us, 1000000);
+    const stream peer = client();
+    peer.write("hello");
+    peers::sleep_us(50000);
+    stop();
+    const std::lock_guard<std::mutex> lock(rooms_mutex);
+    EXPECT_THAT(rooms, IsEmpty());
 }
 
 TEST_F(RguiRemote, StopsWhileAConnectionIsNotTaken)
@@ -1293,6 +1323,24 @@ TEST_F(RguiBothEnds, CarryBytesBothWaysAtOnce)
     client_reads.join();
     rgui_stop_local(local_);
     rgui_stop_remote(remote_);
+}
+
+// The listener waits inside the other end for a server that takes nobody.
+TEST_F(RguiBothEnds, LetTheLocalEndStopFirstWhileAConnectionIsNotTaken)
+{
+    const busy_server server;
+    start();
+    const stream client = connect_to(port_);
+    peers::sleep_us(50000);
+    std::atomic<bool> stopped = false;
+    std::thread stopping([&] {
+        rgui_stop_local(local_);
+        stopped = true;
+    });
+    EXPECT_TRUE(peers::eventually([&] { return stopped.load(); }));
+    EXPECT_TRUE(client.ends());
+    rgui_stop_remote(remote_);
+    stopping.join();
 }
 
 // Echoes what comes in on every connection, until it is told to end.

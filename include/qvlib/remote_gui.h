@@ -74,8 +74,8 @@ typedef struct {
  * it makes no difference.
  *
  * May block; a connection is not read meanwhile, which is what slows a fast client down. While its session is
- * stopped, SIGUSR1 may interrupt what it waits for: it repeats the call, or gives up where it would be in the
- * way of the stop. It must not stop its own session.
+ * stopped, or when a CLOSE comes for its connection, SIGUSR1 may interrupt what it waits for: it repeats the
+ * call, or gives up where it would be in the way of the stop. It must not stop its own session.
  */
 typedef int (*rgui_send_fn)(rgui_pdu *pdu, size_t length, void *cookie);
 
@@ -117,16 +117,16 @@ rgui_session *rgui_start_remote(rgui_send_fn send, void *cookie);
  *
  * By opcode:
  *
- *   DATA   writes the payload to the connection. Waits until all is written or the write fails, which ends
- *          the connection; so does a signal that interrupts it: block signals in the threads that call this,
- *          or have handlers with SA_RESTART. Raises no SIGPIPE. Returns 0, also when the write failed, or -1
- *          for an unknown connection.
- *   OPEN   at the remote end: connects to the server, and waits for that. Returns 0, or -1 when there is no
- *          connection ("RGUI: New connection" without memory, "RGUI: Connect: socket" and the like of
- *          qvsock_connect, which does not log a refused one, "create_connection: create pthread"); a CLOSE
- *          for the ID is then handed to the callback. For an ID that is known already it logs "RGUI: Open
- *          Connection: Duplicate connection ID" and returns 0; the session, and that connection with its
- *          socket, are then never released.
+ *   DATA   writes the payload to the connection. Waits until all is written or the write fails, which ends the
+ *          connection; so does a signal that interrupts it: block signals in the threads that call this, or
+ *          have handlers with SA_RESTART. Raises no SIGPIPE. Returns 0, also when the write failed, or -1 for
+ *          an unknown connection.
+ *   OPEN   at the remote end: connects to the server, and waits for that; a signal that is handled meanwhile
+ *          ends the wait. Returns 0, or -1 when there is no connection ("RGUI: New connection" without memory,
+ *          "RGUI: Connect: socket" and the like of qvsock_connect, which does not log a refused one,
+ *          "create_connection: create pthread"); a CLOSE for the ID is then handed to the callback. For an ID
+ *          that is known already it logs "RGUI: Open Connection: Duplicate connection ID" and returns 0; the
+ *          session, and that connection with its socket, are then never released.
  *          At the local end, where none is expected: closes the connection as CLOSE does and returns 0; an
  *          unknown one is logged as "assert conn != ((void *)0) FILE:LINE".
  *   CLOSE  closes the connection, if there is one, without a CLOSE in answer. Returns 0.

@@ -115,6 +115,28 @@ static void print_devices(void)
     printf("standards_list %u\n", (unsigned)sizeof standards_list);
 }
 
+static void print_streams(void)
+{
+    RECORD(sax_attribute);
+    FIELD(sax_attribute, name);
+    FIELD(sax_attribute, value);
+    FIELD(sax_attribute, next);
+    RECORD(sax_callbacks);
+    FIELD(sax_callbacks, start);
+    FIELD(sax_callbacks, end);
+    FIELD(sax_callbacks, reserved1);
+    FIELD(sax_callbacks, reserved2);
+    FIELD(sax_callbacks, characters);
+    FIELD(sax_callbacks, comment);
+    FIELD(sax_callbacks, error);
+    RECORD(rgui_pdu);
+    FIELD(rgui_pdu, opcode);
+    FIELD(rgui_pdu, reserved);
+    FIELD(rgui_pdu, id);
+    FIELD(rgui_pdu, size);
+    FLEXIBLE(rgui_pdu, payload);
+}
+
 int main(void)
 {
     print_corelink();
@@ -122,5 +144,6 @@ int main(void)
     print_containers();
     print_digests();
     print_devices();
+    print_streams();
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <semaphore.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -63,7 +64,72 @@ static void print_datagrams(void)
     close(fd);
 }
 
-/* ---- Remote GUI relay: its PDU goes here, in the order of the channel between units */
+/* ---- Remote GUI relay: its PDUs in the machine's order, as they are handed to the channel */
+
+struct channel {
+    sem_t carried;
+    unsigned char pdus[2][16];
+    size_t lengths[2];
+    int count;
+};
+
+static int carry(rgui_pdu *pdu, size_t length, void *cookie)
+{
+    struct channel *channel = cookie;
+    if (channel->count < 2) {
+        channel->lengths[channel->count] = length;
+        memcpy(channel->pdus[channel->count], pdu, length < 16 ? length : 16);
+        channel->count++;
+        sem_post(&channel->carried);
+    }
+    return 0;
+}
+
+/* A client of the session, on a port that was free a moment ago; its first bytes are "abc". */
+static int connect_client(rgui_session **session, struct channel *channel)
+{
+    struct sockaddr_in address = {0};
+    socklen_t size = sizeof address;
+    char service[8];
+    const int probe = socket(AF_INET, SOCK_STREAM, 0), client = socket(AF_INET, SOCK_STREAM, 0);
+    int tries;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(probe, (struct sockaddr *)&address, size) != 0 ||
+        getsockname(probe, (struct sockaddr *)&address, &size) != 0)
+        return -1;
+    close(probe);
+    snprintf(service, sizeof service, "%d", (int)ntohs(address.sin_port));
+    *session = rgui_start_local("127.0.0.1", service, NULL, carry, channel);
+    for (tries = 0; tries < 1000; tries++) {
+        if (connect(client, (struct sockaddr *)&address, sizeof address) == 0)
+            return send(client, "abc", 3, 0) == 3 ? client : -1;
+        usleep(10000); /* the session's thread has yet to listen */
+    }
+    return -1;
+}
+
+static void print_pdus(void)
+{
+    static const char *const names[] = {"PDU of a new connection", "PDU of its bytes"};
+    static struct channel channel;
+    rgui_session *session = NULL;
+    int client, i;
+    sem_init(&channel.carried, 0, 0);
+    client = connect_client(&session, &channel);
+    if (client < 0) {
+        printf("PDUs: no connection\n");
+        return;
+    }
+    for (i = 0; i < 2; i++)
+        sem_wait(&channel.carried);
+    close(client);
+    rgui_stop_local(session);
+    for (i = 0; i < 2; i++)
+        print_bytes(own_order(), names[i], channel.pdus[i],
+                    channel.lengths[i] < 16 ? channel.lengths[i] : 16);
+    sem_destroy(&channel.carried);
+}
 
 /* ---- Guard markers: the underlying block of a tracked block, in the machine's order */
 
@@ -240,6 +306,7 @@ static void print_texts(void)
 int main(void)
 {
     print_datagrams();
+    print_pdus();
     print_markers();
     print_checksums();
     print_digests();
