@@ -108,7 +108,7 @@ using list = std::vector<item *>;
 
 std::string hex(size_t number, int digits)
 {
-    char text[16];
+    char text[32];
     snprintf(text, sizeof text, "%0*zx", digits, number);
     return text;
 }
