@@ -1,27 +1,35 @@
 // PDUs that libFuzzer makes, to both ends of the GUI relay:
 //
-//   cmake --preset fuzz && cmake --build --preset fuzz
-//   mkdir -p build/pdus && build/fuzz/fuzz/relay_pdu_fuzz build/pdus fuzz/corpus/relay_pdu
+//   scripts/fuzz 60 relay_pdu
 //
-// An input is a row of PDUs, each behind one byte that says how many bytes it has. Nobody should listen on
-// port 8008: an OPEN of the remote end is then refused, and no connection is left for the next input.
+// An input is a row of PDUs, each behind one byte that says how many bytes it has. The GUI server is not
+// there: an OPEN of the remote end is refused, and no connection is left for the next input.
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
 
+#include "fuzz_input.h"
 #include "pdu_input.h"
+
+struct addrinfo;
+
+extern "C" int __wrap___qvsock_connect(const addrinfo *, const char *, const char *, const char *, int, int,
+                                       const char *, int)
+{
+    errno = ECONNREFUSED;
+    return -1;
+}
 
 namespace
 {
 
 int release_pdu(rgui_pdu *pdu, size_t length, void *)
 {
-    if (length != sizeof *pdu + pdu->size)
-        abort();
+    fuzz::require(length == sizeof *pdu + pdu->size, "a PDU's length");
     free(pdu);
     return 0;
 }
@@ -47,11 +55,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     while (!left.empty()) {
         const size_t length = left[0] < left.size() ? left[0] : left.size() - 1;
         const std::span<const uint8_t> pdu = left.subspan(1, length);
-        if (take_pdu_bytes(local, pdu) != expected_result(pdu, true) ||
-            take_pdu_bytes(remote, pdu) != expected_result(pdu, false)) {
-            fputs("relay_pdu_fuzz: another result than expected\n", stderr);
-            abort();
-        }
+        fuzz::require(take_pdu_bytes(local, pdu) == expected_result(pdu, true),
+                      "another result than expected at the local end");
+        fuzz::require(take_pdu_bytes(remote, pdu) == expected_result(pdu, false),
+                      "another result than expected at the remote end");
         left = left.subspan(1 + length);
     }
     return 0;

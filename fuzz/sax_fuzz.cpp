@@ -1,7 +1,6 @@
 // The XML reader beside its model, over documents that libFuzzer makes:
 //
-//   cmake --preset fuzz && cmake --build --preset fuzz
-//   mkdir -p build/sax && build/fuzz/fuzz/sax_fuzz -dict=fuzz/sax.dict build/sax fuzz/corpus/sax
+//   scripts/fuzz 60 sax
 //
 // An input is a document. Its bytes' sum decides how it arrives, which callbacks there are, and which
 // allocation fails.
@@ -9,29 +8,21 @@
 #include <qvlib/sax.h>
 
 #include "failing_alloc.h"
+#include "fuzz_input.h"
 #include "models/xml_model.h"
 #include "xml_stream.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <numeric>
 #include <string_view>
 
 namespace
 {
 
+using fuzz::require;
 using xml_model::outcome;
 using xml_model::wanted;
 using xml_stream::manner;
-
-void require(bool right, const char *what)
-{
-    if (!right) {
-        fprintf(stderr, "sax_fuzz: %s\n", what);
-        abort();
-    }
-}
 
 void compare(std::string_view document, wanted callbacks, manner how)
 {

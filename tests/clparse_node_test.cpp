@@ -821,6 +821,16 @@ TEST_F(ClparseDrop, LeavesLeavesWithAValue)
     EXPECT_EQ(tags(root()), "bd");
 }
 
+// A pointer may have half the bits of a number.
+TEST_F(ClparseDrop, LeavesANumberOfWhichOneHalfIsZero)
+{
+    clparse_node *low = add(root(), clparse_create_number_node("l", 5));
+    clparse_node *high = add(root(), clparse_create_number_node("h", uint64_t{5} << 32));
+    EXPECT_EQ(clparse_drop(head, low), 0);
+    EXPECT_EQ(clparse_drop(head, high), 0);
+    EXPECT_EQ(tags(root()), "lh");
+}
+
 TEST_F(ClparseDrop, NeverDropsTheRoot)
 {
     EXPECT_EQ(clparse_drop(head, root()), 0);

@@ -54,9 +54,9 @@ bool text_builder::append_number(uint64_t number)
     char digits[20];
     char *at = digits + sizeof digits;
     for (; number >= 100; number /= 100)
-        at = static_cast<char *>(memcpy(at - 2, &pairs[number % 100 * 2], 2));
+        at = static_cast<char *>(memcpy(at - 2, &pairs[static_cast<size_t>(number % 100 * 2)], 2));
     if (number >= 10)
-        at = static_cast<char *>(memcpy(at - 2, &pairs[number * 2], 2));
+        at = static_cast<char *>(memcpy(at - 2, &pairs[static_cast<size_t>(number * 2)], 2));
     else
         *--at = static_cast<char>('0' + number);
     return append(at, static_cast<size_t>(digits + sizeof digits - at));

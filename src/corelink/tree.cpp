@@ -183,9 +183,12 @@ void abandon_copies(clparse_node *failed, clparse_node *top)
     }
 }
 
-// Whether clparse_drop takes a node away: its value word is zero, or it is a container without children.
+// Whether clparse_drop takes a node away: its value word is zero, or it is a container without children. Of a
+// number all bits count, which a pointer may not cover.
 bool is_droppable(const clparse_node *node)
 {
+    if (node->type == CLPARSE_TYPE_NUMBER)
+        return node->value.num == 0;
     const clparse_node *sentinel = node->value.children;
     return !sentinel || (is_container(node) && sentinel->next == sentinel);
 }
