@@ -82,6 +82,7 @@ static int carry(rgui_pdu *pdu, size_t length, void *cookie)
         channel->count++;
         sem_post(&channel->carried);
     }
+    free(pdu);
     return 0;
 }
 
