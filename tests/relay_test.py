@@ -33,7 +33,7 @@ def wait_for(condition, what, patience=PATIENCE):
     deadline = time.monotonic() + patience
     while not condition():
         if time.monotonic() > deadline:
-            raise TimeoutError(what)
+            raise TimeoutError(what() if callable(what) else what)
         time.sleep(0.01)
 
 
@@ -71,8 +71,21 @@ class End:
         result = self.running.wait(60)
         self.test.assertEqual((self.log(), result), (log, status))
 
-    def descriptors(self):
-        return len(os.listdir(f"/proc/{self.running.pid}/fd"))
+    def open_files(self):
+        directory = f"/proc/{self.running.pid}/fd"
+        files = []
+        for name in os.listdir(directory):
+            try:
+                files.append(os.readlink(f"{directory}/{name}"))
+            except FileNotFoundError:
+                pass  # closed meanwhile
+        return files
+
+    def connections(self):
+        """Its sockets but for those of AF_UNIX, which the log may open at any time."""
+        with open("/proc/net/unix") as table:
+            local = {f"socket:[{fields[6]}]" for fields in map(str.split, table)}
+        return sum(file.startswith("socket:") and file not in local for file in self.open_files())
 
     def threads(self):
         return len(os.listdir(f"/proc/{self.running.pid}/task"))
@@ -137,11 +150,9 @@ class RelayTest(unittest.TestCase):
         self.remote = End(self, "remote", "127.0.0.1", "0")
         self.assertRegex(self.remote.first_line, r"^waiting for a channel on port \d+\n$")
         self.channel_port = int(self.remote.first_line.split()[-1])
-        without_channel = self.remote.descriptors()
         self.local = End(self, "local", "127.0.0.1", str(self.channel_port), str(self.gui_port))
         wait_for(lambda: is_open(self.gui_port), "the local end")
-        wait_for(lambda: self.remote.descriptors() > without_channel, "the remote end")
-        self.idle = (self.local.descriptors(), self.remote.descriptors())
+        wait_for(self.is_idle, "both ends to be connected")
 
     def start_site(self):
         server = SiteServer(("127.0.0.1", SERVER_PORT), Site)
@@ -157,12 +168,13 @@ class RelayTest(unittest.TestCase):
 
     def check_ends(self):
         """Both ends are idle again, and stop well."""
-        wait_for(lambda: self.is_idle(), "the ends to be idle")
+        wait_for(self.is_idle, lambda: f"the ends to be idle: {self.local.open_files()}, {self.remote.open_files()}")
         self.local.stop()
         self.remote.stop()
 
     def is_idle(self):
-        return (self.local.descriptors(), self.remote.descriptors()) == self.idle
+        """The channel beside the listening socket is all that either end has."""
+        return (self.local.connections(), self.remote.connections()) == (2, 2)
 
     def client(self):
         connection = http.client.HTTPConnection("127.0.0.1", self.gui_port, timeout=PATIENCE)
