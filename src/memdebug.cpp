@@ -63,7 +63,8 @@ ssize_t write_without_signal(int fd, const char *text, size_t length)
     const errno_guard unchanged;
     if (written < 0 && errno == EPIPE && !sigismember(&pending, SIGPIPE)) {
         const timespec at_once = {};
-        sigtimedwait(&broken_pipe, nullptr, &at_once);
+        while (sigtimedwait(&broken_pipe, nullptr, &at_once) < 0 && errno == EINTR) {
+        }
     }
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     return written;
