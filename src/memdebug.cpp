@@ -153,8 +153,8 @@ QV_PRINTF(2, 0) int put_formatted(memdebug_session *session, const char *format,
     return result;
 }
 
-// A dropped client's record is told of as one that is not in the table. It stays allocated until the session
-// is freed.
+// A dropped client's record is told of as one that is not in the table. It serves the next
+// client, or stays until the session is freed.
 void report_dropped(memdebug_session *session, console_client *client)
 {
     unregister_block(session, client, "../src/memdebug:186");

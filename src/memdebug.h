@@ -72,7 +72,7 @@ struct memdebug_session {
     std::atomic<bool> reporting;
 
     pthread_mutex_t client_lock;   // clients, retired and the writing to both kinds of output
-    console_client *retired;       // clients that are no longer written to: singly linked, freed at the end
+    console_client *retired;       // records of clients that are no longer written to: singly linked
     bool output_stuck;             // the descriptor took nothing in time, so it is not waited for again
     std::atomic<uint32_t> stop_at; // see send_patience
 

@@ -733,6 +733,25 @@ TEST_F(MemdebugClients, AreReportedWhenTheCheckersPrintingDropsThem)
     stop();
 }
 
+TEST_F(MemdebugClients, LeaveARecordForTheNextOnes)
+{
+    listen();
+    for (int i = 1; i <= 10; i++) {
+        client vanishing(port_);
+        vanishing.read_until("DEBUG---");
+        vanishing.reset();
+        EXPECT_TRUE(peers::eventually([i] { return faults == i; }));
+    }
+    qv::memdebug_session *session = qv::running_session();
+    int records = 0;
+    pthread_mutex_lock(&session->client_lock);
+    for (const qv::console_client *left = session->retired; left; left = left->next)
+        records++;
+    pthread_mutex_unlock(&session->client_lock);
+    EXPECT_LE(records, 2); // one is in the listener's hands
+    stop();
+}
+
 TEST_F(MemdebugClients, ThatNeverReadDoNotStopTheProgram)
 {
     listen();
