@@ -82,6 +82,7 @@ bool write_whole(int fd, const char *text, size_t length, send_patience &patienc
         if (written > 0) {
             text += written;
             length -= static_cast<size_t>(written);
+            patience.allow_late_attempt();
         }
     }
     return true;

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <poll.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace qv
 {
@@ -77,7 +78,7 @@ send_patience::outcome send_patience::wait_slice(int fd)
 
     pollfd room = {fd, POLLOUT, 0};
     const int ready = poll(&room, 1, static_cast<int>(std::min(left, slice_ms)));
-    if (ready > 0)
+    if (ready > 0 && (left != 0 || !std::exchange(tried_late_, true)))
         return outcome::ready;
     if (ready < 0 && errno != EINTR)
         return outcome::failed;
@@ -104,15 +105,18 @@ bool send_patience::wait_shortly(int fd)
 bool send_whole(int fd, iovec *pieces, size_t count, send_patience &patience)
 {
     advance(pieces, count, 0);
+    patience.allow_late_attempt();
     while (count > 0) {
         msghdr message = {};
         message.msg_iov = pieces;
         message.msg_iovlen = count;
         const ssize_t sent = sendmsg(fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent >= 0)
+        if (sent >= 0) {
             advance(pieces, count, static_cast<size_t>(sent));
-        else if (errno == EAGAIN ? !patience.wait_shortly(fd) : errno != EINTR)
+            patience.allow_late_attempt();
+        } else if (errno == EAGAIN ? !patience.wait_shortly(fd) : errno != EINTR) {
             return false;
+        }
     }
     return true;
 }

@@ -44,6 +44,13 @@ class send_patience
     // most.
     bool wait_shortly(int fd);
 
+    // Bytes go, or a client's turn begins: one attempt may come late. Without an end to those a descriptor
+    // would be tried for ever that is called writable and takes nothing, as sockets may when memory is short.
+    void allow_late_attempt()
+    {
+        tried_late_ = false;
+    }
+
   private:
     enum class outcome { ready, not_yet, failed };
     outcome wait_slice(int fd);
@@ -51,6 +58,7 @@ class send_patience
     const std::atomic<uint32_t> &stop_at_;
     uint32_t limit_ms_;
     uint32_t started_ = 0; // 0: nothing was waited for yet
+    bool tried_late_ = false;
 };
 
 // Sends all bytes of the pieces, which it uses up. Returns false with errno of the failure, EAGAIN when the

@@ -18,30 +18,19 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "failing_calls.h"
+
+#if !QVLIB_TEST_CALLS
 extern "C" int __real_accept(int fd, sockaddr *address, socklen_t *size);
+#endif
 
 namespace peers
 {
 
-inline std::atomic<int> delay_us;     // in front of each accept
-inline std::atomic<int> accept_error; // for errno; 0 lets accepts succeed
+inline std::atomic<int> delay_us; // in front of each accept
 inline std::atomic<int> accepts;
 
-inline int open_entries(const char *path)
-{
-    int count = 0;
-    DIR *directory = opendir(path);
-    while (directory && readdir(directory))
-        count++;
-    if (directory)
-        closedir(directory);
-    return count;
-}
-
-inline int descriptors()
-{
-    return open_entries("/proc/self/fd");
-}
+using failing_calls::descriptors;
 
 // Threads of the process by this name. One that was joined may be listed for a moment yet.
 inline int threads_named(const char *name)
@@ -216,8 +205,8 @@ inline int other_end(const client &peer)
     return -1;
 }
 
-// Fills a connection until it takes nothing more: the next byte for that client must wait. The kernel still moves
-// some of it to the client a while later, when it asks whether that has room.
+// Fills a connection until it takes nothing more: the next byte for that client must wait. The kernel still
+// moves some of it to the client a while later, when it asks whether that has room.
 inline void fill_up(const client &peer)
 {
     const int fd = other_end(peer);
@@ -234,16 +223,16 @@ inline void fill_up(const client &peer)
 
 } // namespace peers
 
+#if !QVLIB_TEST_CALLS // where accept is a call as any other
 extern "C" int __wrap_accept(int fd, sockaddr *address, socklen_t *size)
 {
     if (peers::delay_us != 0)
         peers::sleep_us(peers::delay_us);
     peers::accepts++;
-    if (peers::accept_error != 0) {
-        errno = peers::accept_error;
+    if (failing_calls::fails("accept"))
         return -1;
-    }
     return __real_accept(fd, address, size);
 }
+#endif
 
 #endif

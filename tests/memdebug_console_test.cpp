@@ -27,6 +27,9 @@
 #include "listener_peers.h"
 #include "machine.h"
 
+using failing_calls::any;
+using failing_calls::failing;
+using failing_calls::fails;
 using peers::client;
 using testing::AllOf;
 using testing::Contains;
@@ -37,13 +40,6 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
-namespace
-{
-
-int threads_left = -1; // that can still be had; -1 is no limit
-
-} // namespace
-
 extern "C" {
 
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
@@ -53,11 +49,7 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
                           void *arg)
 {
-    if (threads_left == 0)
-        return EAGAIN;
-    if (threads_left > 0)
-        threads_left--;
-    return __real_pthread_create(thread, attributes, body, arg);
+    return fails("pthread_create") ? errno : __real_pthread_create(thread, attributes, body, arg);
 }
 }
 
@@ -250,9 +242,8 @@ TEST_F(MemdebugStart, FailsWhenMemoryIsShort)
 TEST_F(MemdebugStart, FailsWithoutAListenerThreadAndStillTracks)
 {
     const captured_stderr log;
-    threads_left = 0;
+    const failing threads("pthread_create", EAGAIN);
     EXPECT_EQ(qv_memcheck_start(service_.c_str(), 0, noting_hook), -1);
-    threads_left = -1;
     EXPECT_THAT(log.text(), HasSubstr("ERROR: qv_memcheck_start Unable to create listener thread: "
                                       "Resource temporarily unavailable (11)\r\n"));
     EXPECT_NE(qv::running_session(), nullptr);
@@ -263,11 +254,10 @@ TEST_F(MemdebugStart, FailsWithoutACheckerThreadAndStillTracks)
 {
     for (const char *service : {static_cast<const char *>(nullptr), service_.c_str()}) {
         const captured_stderr log;
-        threads_left = service ? 1 : 0;
+        const failing threads("pthread_create", EAGAIN, any, service ? 1 : 0);
         errno = 0;
         EXPECT_EQ(qv_memcheck_start(service, 0, noting_hook), -1);
         EXPECT_EQ(errno, EAGAIN);
-        threads_left = -1;
         EXPECT_THAT(log.text(), HasSubstr("ERROR: qv_memcheck_start Unable to create thread: Resource "
                                           "temporarily unavailable (11)\r\n"));
         EXPECT_NE(qv::running_session(), nullptr);
@@ -839,13 +829,12 @@ TEST_F(MemdebugClients, AreTakenNoMoreAfterAFailedAccept)
     client first(port_);
     first.read_until("DEBUG---");
     const captured_stderr log;
-    peers::accept_error = EMFILE;
+    const failing accepts("accept", EMFILE);
     client second(port_); // ends the accept that waits already
     EXPECT_TRUE(peers::eventually([&] {
         return log.text().find("ERROR: accept_thread: accept function failed: Too many open files (24)") !=
                std::string::npos;
     }));
-    peers::accept_error = 0;
     EXPECT_EQ(qv_memcheck_stop(), 0);
     EXPECT_TRUE(first.read_to_end());
 }

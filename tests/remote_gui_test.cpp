@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <netinet/tcp.h>
+#include <optional>
 #include <pthread.h>
 #include <random>
 #include <string>
@@ -23,6 +24,9 @@
 #include "relay_ends.h"
 #include "remote_gui.h"
 
+using failing_calls::any;
+using failing_calls::failing;
+using failing_calls::fails;
 using relay::channel;
 using relay::connect_to;
 using relay::give;
@@ -45,8 +49,7 @@ namespace
 {
 
 // Calls that still succeed before the next one fails; negative for no failure.
-std::atomic<int> callocs_left = -1, threads_left = -1, first_receives_left = -1, rests_left = -1;
-std::atomic<bool> no_threads; // none at all
+std::atomic<int> callocs_left = -1, first_receives_left = -1, rests_left = -1;
 std::atomic<int> receive_error, option_error;
 std::atomic<int> receive_delay_us;  // in front of each blocking receive
 std::atomic<int> nodelay_calls;     // that succeeded
@@ -73,7 +76,7 @@ class during
     ~during()
     {
         number_ = &number_ == &receive_error || &number_ == &option_error || &number_ == &receive_delay_us ||
-                          &number_ == &peers::delay_us || &number_ == &peers::accept_error
+                          &number_ == &peers::delay_us
                       ? 0
                       : -1;
     }
@@ -113,8 +116,7 @@ void *__wrap_calloc(size_t count, size_t size)
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
                           void *argument)
 {
-    return no_threads || fails_now(threads_left) ? EAGAIN
-                                                 : __real_pthread_create(thread, attributes, body, argument);
+    return fails("pthread_create") ? errno : __real_pthread_create(thread, attributes, body, argument);
 }
 
 int __wrap_pthread_kill(pthread_t thread, int number)
@@ -627,13 +629,13 @@ TEST_F(RguiLocal, BeginsAgainAfterTheLastIdAndPassesOverThoseInUse)
 {
     start();
     const stream staying = client();
-    no_threads = true; // which saves time
+    std::optional<failing> threads(std::in_place, "pthread_create", EAGAIN); // which saves time
     for (int id = 2; id <= 65535; id++) {
         connect_to(port_).reset(); // without the usual goodbye, so that no port rests
         ASSERT_TRUE(channel_.wait_for_opens(static_cast<size_t>(id)));
         ASSERT_EQ(give(session_, RGUI_CLOSE, id), 0);
     }
-    no_threads = false;
+    threads.reset();
     ASSERT_TRUE(channel_.wait_for_opens(65535));
     const stream zero = connect_to(port_);
     ASSERT_TRUE(channel_.wait_for_opens(65536));
@@ -654,9 +656,9 @@ TEST_F(RguiLocal, LivesOnWithoutAListenerWhenThePortIsInUse)
     ASSERT_EQ(bind(taken, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(listen(taken, 1), 0);
     log_lines log;
-    const int threads = peers::open_entries("/proc/self/task");
+    const int threads = failing_calls::threads();
     start();
-    EXPECT_TRUE(peers::eventually([&] { return peers::open_entries("/proc/self/task") == threads; }));
+    EXPECT_TRUE(peers::eventually([&] { return failing_calls::threads() == threads; }));
     EXPECT_EQ(give(session_, RGUI_DATA, 1), -1);
     const int signals = signals_sent;
     stop();
@@ -704,7 +706,7 @@ TEST_F(RguiLocal, EndsItsListenerAndConnectionsAtAFailedAccept)
     const stream peer = client();
     await_accept(2);
     {
-        const during failing(peers::accept_error, EMFILE);
+        const failing accepts("accept", EMFILE);
         const stream second = client(); // by the accept that waits already
         EXPECT_TRUE(peers::eventually([] { return peers::threads_named("rgui-listen") == 0; }));
         EXPECT_TRUE(peer.ends());
@@ -722,7 +724,7 @@ TEST_F(RguiLocal, ReportsAnAcceptThatIsInterruptedWithoutAStop)
     start();
     await_accept(1);
     {
-        const during failing(peers::accept_error, EINTR);
+        const failing accepts("accept", EINTR);
         const stream peer = client();
         EXPECT_TRUE(peers::eventually([] { return peers::threads_named("rgui-listen") == 0; }));
     }
@@ -776,7 +778,7 @@ TEST_F(RguiLocal, DoesNotNoticeAClientForWhichNoThreadCanBeHad)
     start();
     EXPECT_TRUE(peers::eventually([] { return peers::threads_named("rgui-listen") == 1; }));
     {
-        const during failing(threads_left, 0);
+        const failing threads("pthread_create", EAGAIN, any, 0, 1);
         const stream without = client();
         const stream next = client();
         EXPECT_THAT(channel_.wait_for(2), ElementsAre(opened(1), opened(2)));
@@ -786,7 +788,7 @@ TEST_F(RguiLocal, DoesNotNoticeAClientForWhichNoThreadCanBeHad)
         EXPECT_TRUE(without.ends());
         EXPECT_EQ(give(session_, RGUI_DATA, 1, "x"), -1);
     }
-    const during failing(threads_left, 0);
+    const failing threads("pthread_create", EAGAIN, any, 0, 1);
     const stream kept = client();
     stop();
     EXPECT_TRUE(kept.ends());
@@ -796,7 +798,7 @@ TEST_F(RguiLocal, DoesNotNoticeAClientForWhichNoThreadCanBeHad)
 TEST_F(RguiLocal, IsNotStartedWithoutAThread)
 {
     log_lines log;
-    const during failing(threads_left, 0);
+    const failing threads("pthread_create", EAGAIN, any, 0, 1);
     EXPECT_EQ(rgui_start_local("127.0.0.1", "0", nullptr, channel::send, &channel_), nullptr);
     EXPECT_THAT(
         log.take(),
@@ -1030,7 +1032,7 @@ TEST_F(RguiRemote, AnswersWithACloseWithoutAThread)
     log_lines log;
     const gui_server server;
     {
-        const during failing(threads_left, 0);
+        const failing threads("pthread_create", EAGAIN, any, 0, 1);
         EXPECT_EQ(give(session_, RGUI_OPEN, 5), -1);
     }
     EXPECT_TRUE(server.take().ends());

@@ -699,10 +699,12 @@ TEST_F(QvsockListen, ClosesASocketWhoseAddressCannotBeTold)
 {
     log_lines log;
     seen.name_code = EAI_FAIL;
-    const failing name("getnameinfo", 0);
-    EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 0), -1);
+    {
+        const failing name("getnameinfo", 0);
+        EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 0), -1);
+    }
     seen.name_code = EAI_SYSTEM;
-    failing_calls::armed.error = ENOMEM;
+    const failing name("getnameinfo", ENOMEM);
     EXPECT_EQ(qvsock_listen(&ipv4, "127.0.0.1", "0", 0, 0, 0), -1);
     EXPECT_THAT(
         log.take(),

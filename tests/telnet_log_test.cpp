@@ -21,19 +21,14 @@
 #include "listener_peers.h"
 #include "machine.h"
 
+using failing_calls::failing;
+using failing_calls::fails;
 using peers::client;
 using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
-
-namespace
-{
-
-bool no_threads;
-
-} // namespace
 
 extern "C" {
 
@@ -44,7 +39,7 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
 int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *),
                           void *arg)
 {
-    return no_threads ? EAGAIN : __real_pthread_create(thread, attributes, body, arg);
+    return fails("pthread_create") ? errno : __real_pthread_create(thread, attributes, body, arg);
 }
 }
 
@@ -275,10 +270,9 @@ TEST_F(TelnetLog, ListensNoMoreAfterAFailedAccept)
 {
     client first(port_);
     await(feed_, first);
-    peers::accept_error = EMFILE;
+    const failing accepts("accept", EMFILE);
     client second(port_); // ends the accept that waits already
     EXPECT_TRUE(peers::eventually([] { return peers::threads_named("qvl-tellog") == 0; }));
-    peers::accept_error = 0;
     send(feed_, 7, "go on");
     EXPECT_THAT(first.read_until("go on\n"), EndsWith("go on\n"));
 }
@@ -293,9 +287,8 @@ TEST(TelnetLogHandle, IsNullWhenMemoryIsShort)
 // The handle stays allocated on purpose.
 __attribute__((noinline)) void *start_without_a_thread()
 {
-    no_threads = true;
+    const failing failing("pthread_create", EAGAIN);
     void *volatile feed = tellog_start(0); // no tail call
-    no_threads = false;
     return feed;
 }
 
