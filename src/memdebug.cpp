@@ -63,7 +63,8 @@ ssize_t write_without_signal(int fd, const char *text, size_t length)
     const errno_guard unchanged;
     if (written < 0 && errno == EPIPE && !sigismember(&pending, SIGPIPE)) {
         const timespec at_once = {};
-        sigtimedwait(&broken_pipe, nullptr, &at_once);
+        while (sigtimedwait(&broken_pipe, nullptr, &at_once) < 0 && errno == EINTR) {
+        }
     }
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     return written;
@@ -472,8 +473,8 @@ int count_allocation(memdebug_session *session, int change)
 
 // ---- Blocks
 
-// Logging allocates its text under this name. That failure is not logged, or the log would call itself until
-// the stack ends.
+// Logging allocates its text under this name. A failure of that is not logged, or the log would call itself
+// until the stack ends.
 bool is_log_text(const char *func)
 {
     return func && strcmp(func, "qv_verrno") == 0;
@@ -519,14 +520,17 @@ void write_markers(alloc_record *record)
 }
 
 // Sizes that are a power of two, and 0, carry no markers: daemons hand such blocks to page-aligned consumers.
-bool carries_markers(size_t size)
+// Nor does a log's text: threads log while the session is stopped, and then release as it stands what they
+// got.
+bool carries_markers(const alloc_record *record)
 {
-    return (size & (size - 1)) != 0;
+    const bool power_of_two = (record->size & (record->size - 1)) == 0;
+    return !power_of_two && !(record->owner && is_log_text(record->owner->name));
 }
 
 bool allocate_block(alloc_record *record, void *(*allocator)(size_t))
 {
-    if (!carries_markers(record->size)) {
+    if (!carries_markers(record)) {
         record->block = record->user = allocator(record->size);
         return record->block != nullptr;
     }

@@ -227,8 +227,8 @@ int start_thread(pthread_t *thread, void *(*body)(void *), memdebug_session *ses
 bool usr1_ends_process()
 {
     struct sigaction action;
-    return sigaction(SIGUSR1, nullptr, &action) == 0 && !(action.sa_flags & SA_SIGINFO) &&
-           action.sa_handler == SIG_DFL;
+    return sigaction(SIGUSR1, nullptr, &action) != 0 ||
+           (!(action.sa_flags & SA_SIGINFO) && action.sa_handler == SIG_DFL);
 }
 
 void shut_listener_down(memdebug_session *session)

@@ -180,8 +180,8 @@ void pause_shortly()
 bool usr1_ends_process()
 {
     struct sigaction action;
-    return sigaction(SIGUSR1, nullptr, &action) == 0 && !(action.sa_flags & SA_SIGINFO) &&
-           action.sa_handler == SIG_DFL;
+    return sigaction(SIGUSR1, nullptr, &action) != 0 ||
+           (!(action.sa_flags & SA_SIGINFO) && action.sa_handler == SIG_DFL);
 }
 
 // The relay's threads get no signal but the one that wakes them and those of faults: the others are for the

@@ -79,10 +79,12 @@ send_patience::outcome send_patience::wait_slice(int fd)
     const int ready = poll(&room, 1, static_cast<int>(std::min(left, slice_ms)));
     if (ready > 0)
         return outcome::ready;
-    if (left != 0 && (ready == 0 || errno == EINTR))
+    if (ready < 0 && errno != EINTR)
+        return outcome::failed;
+    if (left != 0)
         return outcome::not_yet;
     errno = EAGAIN;
-    return outcome::time_is_up;
+    return outcome::failed;
 }
 
 bool send_patience::wait_for_room(int fd)
@@ -96,7 +98,7 @@ bool send_patience::wait_for_room(int fd)
 
 bool send_patience::wait_shortly(int fd)
 {
-    return wait_slice(fd) != outcome::time_is_up;
+    return wait_slice(fd) != outcome::failed;
 }
 
 bool send_whole(int fd, iovec *pieces, size_t count, send_patience &patience)

@@ -37,7 +37,7 @@ class send_patience
     send_patience &operator=(const send_patience &) = delete;
 
     // Waits until a write to the descriptor does not block, or fails; false with errno EAGAIN when the time
-    // is up.
+    // is up, or with that of a wait that failed.
     bool wait_for_room(int fd);
 
     // The same for a socket, on which a send does no harm that comes too early: for a slice of the time at
@@ -45,7 +45,7 @@ class send_patience
     bool wait_shortly(int fd);
 
   private:
-    enum class outcome { ready, not_yet, time_is_up };
+    enum class outcome { ready, not_yet, failed };
     outcome wait_slice(int fd);
 
     const std::atomic<uint32_t> &stop_at_;

@@ -32,6 +32,7 @@ namespace
 {
 
 constexpr int backlog = 2;
+constexpr int shutdown_attempts = 3;
 constexpr size_t time_size = 26;      // of ctime_r
 constexpr size_t text_limit = 1022;   // a text of 1021 bytes and its terminator
 constexpr size_t message_size = 1025; // ": ", the text, a line feed and a terminator
@@ -172,6 +173,16 @@ void write_time(char *text)
         *end = ' ';
 }
 
+// Ends the thread's accept, which nothing else does: hence several attempts.
+void end_accept(feed *log)
+{
+    qv::mutex_guard lock(log->lock);
+    for (int attempt = 0; log->listener >= 0 && attempt < shutdown_attempts; attempt++) {
+        if (shutdown(log->listener, SHUT_RDWR) == 0)
+            return;
+    }
+}
+
 // The thread gets no signal: they are for the host's threads, and would end the accept.
 int start_thread(feed *log)
 {
@@ -211,11 +222,7 @@ int tellog_finish(void *handle)
         return -1;
     auto *log = static_cast<feed *>(handle);
     qv::silence_feed(log);
-    {
-        qv::mutex_guard lock(log->lock);
-        if (log->listener >= 0)
-            shutdown(log->listener, SHUT_RDWR);
-    }
+    end_accept(log);
     pthread_join(log->thread, nullptr);
     if (log->listener >= 0)
         close(log->listener);

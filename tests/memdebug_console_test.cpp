@@ -2,6 +2,7 @@
 
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
+#include <qvlib/strings.h>
 
 #include <array>
 #include <atomic>
@@ -338,6 +339,16 @@ TEST_F(MemdebugStop, LeavesPlainAllocation)
     EXPECT_EQ(qv_memcheck_free(qv_free, block, "w"), 0);
     EXPECT_EQ(gotoline(1, "x"), -1);
     EXPECT_EQ(faults, 0);
+}
+
+TEST_F(MemdebugStop, LeavesTheTextOfAThreadThatLogsMeanwhile)
+{
+    start();
+    char *text = nullptr;
+    EXPECT_EQ(__qv_asprintf(&text, "qv_verrno", 262, "%s", "a text of the log"), 17);
+    stop();
+    EXPECT_STREQ(text, "a text of the log");
+    EXPECT_EQ(qv_memcheck_free(qv_free, text, "log"), 0);
 }
 
 TEST_F(MemdebugStop, NeedsNoHandlerForTheSignal)
