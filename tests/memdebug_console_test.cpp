@@ -697,6 +697,25 @@ TEST_F(MemdebugClients, SeeTheConsole)
     EXPECT_THAT(first.text(), HasSubstr("MemDebug Complete"));
 }
 
+TEST_F(MemdebugClients, MayComeByEveryAddressOfTheHost)
+{
+    listen();
+    EXPECT_TRUE(peers::eventually([&] { return peers::listens_at("127.0.0.2", port_); }));
+    EXPECT_TRUE(peers::listens_at("127.0.0.1", port_));
+    stop();
+}
+
+TEST_F(MemdebugClients, AreNotRead)
+{
+    listen();
+    client peer(port_);
+    peer.read_until("DEBUG---");
+    EXPECT_TRUE(peer.write(std::string(100000, 'x')));
+    gotoline(20, "still there");
+    EXPECT_THAT(peer.read_until("still there"), HasSubstr("still there"));
+    stop();
+}
+
 TEST_F(MemdebugClients, GetNothingWhileADescriptorIsGiven)
 {
     const memory_file console;

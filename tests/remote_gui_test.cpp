@@ -686,6 +686,13 @@ TEST_F(RguiLocal, ListensOnAllAddressesWithoutANode)
     EXPECT_EQ(channel_.wait_for(1), std::vector{opened(1)});
 }
 
+TEST_F(RguiLocal, ListensOnItsAddressAlone)
+{
+    start();
+    EXPECT_TRUE(peers::eventually([&] { return peers::listens_at("127.0.0.1", port_); }));
+    EXPECT_FALSE(peers::listens_at("127.0.0.2", port_));
+}
+
 TEST_F(RguiLocal, KeepsCopiesOfItsAddress)
 {
     std::string node = "127.0.0.1", service = std::to_string(port_);

@@ -81,7 +81,7 @@ inline void unmark_token(token_scanner *scanner)
 // Makes the last token a text of its own, for yyget_text.
 inline void mark_token(token_scanner *scanner)
 {
-    scanner->held = *scanner->at;
+    scanner->held = *scanner->at; // NOLINT(clang-analyzer-core.uninitialized.Assign): within the buffer
     *scanner->at = '\0';
     scanner->terminated = true;
 }

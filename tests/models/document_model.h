@@ -57,15 +57,15 @@ inline bool is_readable(const value &node)
     return true;
 }
 
-// As paths, arrays have positions that are no members, empty containers leave doubled commas, and members of
-// the same name meet in one container.
+// As paths, arrays have positions that are no members, empty containers leave doubled commas, and the members
+// of a container go to the last one of its name.
 inline bool is_readable_as_paths(const value &node)
 {
     if (node.type == CLPARSE_TYPE_ARRAY || (node.is_container() && node.children.empty()))
         return false;
     for (auto child = node.children.begin(); child != node.children.end(); ++child) {
         for (auto other = node.children.begin(); other != child; ++other)
-            if (other->tag == child->tag)
+            if (child->is_container() && other->tag == child->tag)
                 return false;
         if (!is_readable_as_paths(*child))
             return false;
