@@ -485,6 +485,24 @@ TEST_F(MemdebugStop, DoesNotWaitForAThreadThatStaysInside)
     stop();
 }
 
+TEST_F(MemdebugStop, KeepsEverySessionThatAThreadMayBeInside)
+{
+    start();
+    inside = 0;
+    void *block = nullptr;
+    std::thread slow([&] { block = qv_memcheck_malloc(slow_malloc, 16, "slow", 1); });
+    ASSERT_TRUE(peers::eventually([] { return inside == 1; }));
+    stop();
+    start();
+    stop();
+    inside = 2;
+    slow.join();
+    EXPECT_NE(block, nullptr);
+    free(block);
+    start(); // a later stop releases both
+    stop();
+}
+
 std::atomic<int> stop_result, stop_error;
 
 void stop_in_hook()
@@ -595,6 +613,32 @@ TEST_F(MemdebugChecker, HoldsNoLockWhileTheHookRuns)
     block[12] ^= 1;
     EXPECT_TRUE(peers::eventually([] { return faults == 1; }));
     release(block);
+    stop();
+}
+
+std::atomic<void *> block_of_hook;
+
+void release_in_hook()
+{
+    if (void *block = block_of_hook.exchange(nullptr))
+        release(block);
+}
+
+TEST_F(MemdebugChecker, GoesOnBehindAFunctionWhoseLastBlockTheHookReleases)
+{
+    start();
+    auto *later = static_cast<unsigned char *>(block_of(12, "later"));
+    auto *first = static_cast<unsigned char *>(block_of(12, "first"));
+    block_of_hook = first;
+    on_fault = release_in_hook;
+    {
+        const qv::table_guard unchecked(qv::running_session());
+        first[12] ^= 1;
+        later[12] ^= 1;
+    }
+    EXPECT_TRUE(peers::eventually([] { return faults == 2; }));
+    EXPECT_THAT(shown().line(-2), StartsWith("later LINE:1, Size:12 PostMarker:"));
+    release(later);
     stop();
 }
 

@@ -536,6 +536,10 @@ TEST(ClparseStart, SurvivesEveryFailingAllocationOfStacksAndIndexes)
     for (int i = 0; i < 40; i++)
         text += ",m" + std::to_string(i) + ".y";
     expect_survival_of_failing_allocations(text);
+    text = "first={}";
+    for (int i = 0; i < 20; i++)
+        text += ",m" + std::to_string(i) + "={}";
+    expect_survival_of_failing_allocations(text + ",first.x=1,none.x=2");
 }
 
 TEST(ClparseStart, LeavesNothingAllocatedWhenMemoryIsShortBeforeParsing)
@@ -773,6 +777,31 @@ TEST(ClparseStart, ReadsAsDeepAsItsStackOfTenThousandEntries)
         const head_ptr head = read(row.make(row.deepest));
         EXPECT_NE(head, nullptr);
         EXPECT_EQ(logged_for(row.make(row.deepest + 1).c_str()), too_deep_line);
+    }
+}
+
+TEST(ClparseStart, TakesAValueOfEachKindAsDeepAsItsStack)
+{
+    for (const std::string value : {"1", "true", "\"s\"", "t"}) {
+        SCOPED_TRACE(value);
+        const auto nested = [&value](int depth) {
+            const auto count = static_cast<size_t>(depth);
+            return value == "t" ? "a=" + repeated("{a=", depth) + "{t" + std::string(count + 1, '}')
+                                : "a=" + std::string(count, '[') + value + std::string(count, ']');
+        };
+        const int deepest = value == "t" ? 3331 : 9994;
+        EXPECT_NE(read(nested(deepest)), nullptr);
+        for (int more = 1; more <= 3; more++)
+            EXPECT_EQ(logged_for(nested(deepest + more).c_str()), too_deep_line) << more;
+    }
+}
+
+TEST(ClparseStart, PassesOverBlanksOfAnyNumber)
+{
+    for (size_t count = 0; count < 40; count++) {
+        const std::string blanks(count, ' ');
+        const head_ptr head = read(blanks + "a" + blanks + "=" + blanks + "1" + blanks + "\t" + blanks);
+        EXPECT_EQ(only_member(head)->value.num, 1U) << count;
     }
 }
 

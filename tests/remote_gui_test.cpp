@@ -625,6 +625,25 @@ TEST_F(RguiLocal, GoesOnWhenDelayCannotBeSwitchedOff)
     EXPECT_THAT(log.take(), ElementsAre("ERROR: RGUI: setsockopt: TCP_NODELAY: Operation not permitted (1)"));
 }
 
+TEST_F(RguiLocal, KeepsConnectionsApartWhoseIdsAreFarApart)
+{
+    start();
+    const stream first = client();
+    no_threads = true; // which saves time
+    for (int id = 2; id <= 256; id++) {
+        connect_to(port_).reset();
+        ASSERT_TRUE(channel_.wait_for_opens(static_cast<size_t>(id)));
+        ASSERT_EQ(give(session_, RGUI_CLOSE, id), 0);
+    }
+    no_threads = false;
+    const stream second = connect_to(port_);
+    ASSERT_TRUE(channel_.wait_for_opens(257));
+    EXPECT_EQ(give(session_, RGUI_CLOSE, 1), 0);
+    EXPECT_TRUE(peers::eventually([&] { return give(session_, RGUI_DATA, 1, "x") == -1; }));
+    EXPECT_EQ(give(session_, RGUI_DATA, 257, "second"), 0);
+    EXPECT_EQ(second.read(6), "second");
+}
+
 TEST_F(RguiLocal, BeginsAgainAfterTheLastIdAndPassesOverThoseInUse)
 {
     start();
