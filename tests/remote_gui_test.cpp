@@ -20,6 +20,7 @@
 #include "failing_heap.h"
 #include "listener_peers.h"
 #include "log_lines.h"
+#include "machine.h"
 #include "pdu_input.h"
 #include "relay_ends.h"
 #include "remote_gui.h"
@@ -1427,7 +1428,7 @@ TEST_F(RguiBothEnds, MayStopWheneverTheyWantWithTraffic)
     {
         const echo_server server;
         double longest = 0;
-        for (int cycle = 0; cycle < 1000; cycle++) {
+        for (int cycle = 0; cycle < scaled(1000); cycle++) {
             start();
             std::vector<stream> clients;
             for (unsigned int i = 0; i < 1 + random() % 3; i++) {
@@ -1475,7 +1476,7 @@ TEST_F(RguiBothEnds, MayBeClosedFromEverywhereAtOnce)
             }
         });
     std::mt19937 random(9);
-    for (int i = 0; i < 200; i++) {
+    for (int i = 0; i < scaled(200); i++) {
         stream client = connect_to(port_);
         client.write(pattern(random() % 5000));
         if (i % 3 == 0)
