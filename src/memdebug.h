@@ -35,7 +35,9 @@ struct func_record {
     char *name;
     int count;
     size_t total;
-    alloc_record blocks; // list head
+    alloc_record blocks;      // list head
+    uint32_t hash;            // of the name
+    func_record *bucket_next; // in the index by name
 };
 
 struct console_client {
@@ -65,6 +67,10 @@ struct memdebug_session {
     // Index of the live blocks by user pointer, so that finding one does not walk the lists.
     alloc_record **buckets;
     size_t bucket_count, block_count;
+
+    // Index of the functions by name.
+    func_record **name_buckets;
+    size_t name_bucket_count, func_count;
 
     // Failed output is reported once the locks are free: the report allocates and prints itself.
     std::atomic<int> write_error; // errno of a failed write, 0 for none
