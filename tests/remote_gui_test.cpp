@@ -630,13 +630,13 @@ TEST_F(RguiLocal, KeepsConnectionsApartWhoseIdsAreFarApart)
 {
     start();
     const stream first = client();
-    no_threads = true; // which saves time
+    std::optional<failing> threads(std::in_place, "pthread_create", EAGAIN); // which saves time
     for (int id = 2; id <= 256; id++) {
         connect_to(port_).reset();
         ASSERT_TRUE(channel_.wait_for_opens(static_cast<size_t>(id)));
         ASSERT_EQ(give(session_, RGUI_CLOSE, id), 0);
     }
-    no_threads = false;
+    threads.reset();
     const stream second = connect_to(port_);
     ASSERT_TRUE(channel_.wait_for_opens(257));
     EXPECT_EQ(give(session_, RGUI_CLOSE, 1), 0);
