@@ -111,6 +111,12 @@ void stop_feed()
     tellog_finish(feed);
 }
 
+// Most lines of a program are wanted by nobody: they cost this test.
+bool is_wanted(int level)
+{
+    return state.tellog || (level != QV_LOG_TELNET && level <= state.level);
+}
+
 QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
 {
     const qv::errno_guard unchanged; // failing functions log first and return errno afterwards
@@ -214,6 +220,8 @@ const char *log_level(int level)
 
 void __qv_log(int level, const char *fmt, ...)
 {
+    if (!is_wanted(level))
+        return;
     va_list ap;
     va_start(ap, fmt);
     log_message(level, fmt, ap);

@@ -35,7 +35,9 @@ struct func_record {
     char *name;
     int count;
     size_t total;
-    alloc_record blocks; // list head
+    alloc_record blocks;      // list head
+    uint32_t hash;            // of the name
+    func_record *bucket_next; // in the index by name
 };
 
 struct console_client {
@@ -66,13 +68,17 @@ struct memdebug_session {
     alloc_record **buckets;
     size_t bucket_count, block_count;
 
+    // Index of the functions by name.
+    func_record **name_buckets;
+    size_t name_bucket_count, func_count;
+
     // Failed output is reported once the locks are free: the report allocates and prints itself.
     std::atomic<int> write_error; // errno of a failed write, 0 for none
     std::atomic<console_client *> dropped;
     std::atomic<bool> reporting;
 
     pthread_mutex_t client_lock;   // clients, retired and the writing to both kinds of output
-    console_client *retired;       // clients that are no longer written to: singly linked, freed at the end
+    console_client *retired;       // records of clients that are no longer written to: singly linked
     bool output_stuck;             // the descriptor took nothing in time, so it is not waited for again
     std::atomic<uint32_t> stop_at; // see send_patience
 

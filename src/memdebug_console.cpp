@@ -173,10 +173,23 @@ void close_listener(memdebug_session *session)
     session->listener = -1;
 }
 
+// A record for the next client: that of one that left, where there is one, so that they don't add up.
+console_client *make_client(memdebug_session *session)
+{
+    {
+        const mutex_guard lock(session->client_lock);
+        if (console_client *used = session->retired) {
+            session->retired = used->next;
+            return used;
+        }
+    }
+    return static_cast<console_client *>(calloc(1, sizeof(console_client)));
+}
+
 // Takes one client; false at a failure, which is how stopping ends the thread.
 bool take_client(memdebug_session *session, int listener)
 {
-    auto *client = static_cast<console_client *>(calloc(1, sizeof(console_client)));
+    console_client *client = make_client(session);
     if (!client) {
         qv_errno("%s: new sock function", "accept_thread");
         return false;

@@ -201,7 +201,7 @@ q_queue *q_init(unsigned int slot_count, unsigned int list_count, q_compare_fn c
         return nullptr;
     q->lists = allocate_heads(list_count);
     if (q->lists == nullptr)
-        return nullptr; // without freeing q: part of the contract
+        return nullptr; // NOLINT(clang-analyzer-unix.Malloc): without freeing q, part of the contract
     q->list_count = list_count;
     q->slot_count = slot_count;
     q->compare = compare;

@@ -1,6 +1,7 @@
 /*
  * SCSI codes in words. The rows stand in scsi_*.inc and below as T10 lists them; all tables but the exported
- * one are free of pointers.
+ * one are free of pointers. Long texts that a firmware build has compressed are constant once they are
+ * unpacked.
  */
 #include <qvlib/scsi.h>
 
@@ -24,9 +25,14 @@ constexpr auto opcode_rows()
     });
 }
 
+static_assert(asc_rows().size() == 646 && opcode_rows().size() == 256);
+#if defined(QVLIB_FIRMWARE)
+constinit qv::compressed_texts<asc_rows, qv::sharing::none> asc_texts;
+constinit qv::compressed_texts<opcode_rows, qv::sharing::many> opcode_texts;
+#else
 constexpr auto asc_texts = qv::pack_texts<asc_rows, qv::sharing::none>();
 constexpr auto opcode_texts = qv::pack_texts<opcode_rows, qv::sharing::many>();
-static_assert(asc_texts.size() == 646 && opcode_texts.size() == 256);
+#endif
 
 // The rows of T10's list for a range of qualifiers.
 constexpr unsigned char wildcard_ascs[] = {

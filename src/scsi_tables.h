@@ -1,14 +1,20 @@
 /*
  * Tables of codes and texts that need no relocation when the library is loaded: the texts of a table stand in
- * one pool, and rows hold offsets into it, so that every process shares the pages.
+ * one pool, and rows hold offsets into it, so that every process shares the pages. A firmware build keeps the
+ * pool compressed, in a third of the room, and unpacks it in the process that asks for a text.
  */
 #ifndef QV_SCSI_TABLES_H
 #define QV_SCSI_TABLES_H
 
+#include "text_compression.h"
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <pthread.h>
 #include <string_view>
 
 namespace qv
@@ -85,6 +91,74 @@ template <auto make_rows, sharing Shared> consteval auto pack_texts()
     }
     return packed;
 }
+
+// What pack_texts makes of the same rows, with its pool compressed. The first call for a text unpacks it, by
+// whichever thread comes first.
+template <auto make_rows, sharing Shared> class compressed_texts
+{
+  public:
+    const char *text(size_t row)
+    {
+        if (!unpacked_.load(std::memory_order_acquire))
+            unpack_all();
+        return pool_.data() + starts_[number_of(row)];
+    }
+    const char *find(uint16_t code)
+    {
+        const auto found = std::lower_bound(codes.begin(), codes.end(), code);
+        return found != codes.end() && *found == code ? text(static_cast<size_t>(found - codes.begin()))
+                                                      : nullptr;
+    }
+
+  private:
+    static constexpr auto packed = pack_texts<make_rows, Shared>(); // the compiler's alone
+    static constexpr auto codes = packed.codes;
+    static constexpr size_t text_count =
+        static_cast<size_t>(std::count(packed.pool.begin(), packed.pool.end(), '\0'));
+    static constexpr auto compressed = [] {
+        constexpr auto loose = compress(packed.pool);
+        std::array<unsigned char, loose.size> exact = {};
+        std::copy_n(loose.bytes.begin(), loose.size, exact.begin());
+        return exact;
+    }();
+
+    // Which text a row has: its own, or a number among the texts that are shared.
+    static size_t number_of(size_t row)
+    {
+        if constexpr (Shared == sharing::none) {
+            return row;
+        } else {
+            static_assert(text_count <= 256);
+            static constexpr auto numbers = [] {
+                std::array<uint8_t, packed.size()> made = {};
+                for (size_t i = 0; i < made.size(); i++)
+                    made[i] = static_cast<uint8_t>(
+                        std::count(packed.pool.begin(), packed.pool.begin() + packed.offsets[i], '\0'));
+                return made;
+            }();
+            return numbers[row];
+        }
+    }
+    void unpack_all()
+    {
+        pthread_mutex_lock(&lock_);
+        if (!unpacked_.load(std::memory_order_relaxed)) {
+            unpack(compressed.data(), compressed.size(), pool_.data());
+            size_t start = 0;
+            for (uint16_t &of_text : starts_) {
+                of_text = static_cast<uint16_t>(start);
+                start += strlen(&pool_[start]) + 1;
+            }
+            unpacked_.store(true, std::memory_order_release);
+        }
+        pthread_mutex_unlock(&lock_);
+    }
+
+    pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
+    std::atomic<bool> unpacked_ = false;
+    std::array<uint16_t, text_count> starts_ = {};
+    std::array<char, packed.pool.size()> pool_ = {};
+};
 
 } // namespace qv
 

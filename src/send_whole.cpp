@@ -50,7 +50,7 @@ uint32_t clock_ms()
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     const auto ms = static_cast<uint32_t>(static_cast<uint64_t>(now.tv_sec) * 1000 +
-                                          static_cast<uint64_t>(now.tv_nsec) / 1000000);
+                                          static_cast<uint32_t>(now.tv_nsec) / 1000000);
     return ms ? ms : 1;
 }
 

@@ -400,6 +400,7 @@ int qv_getmac(const char *ifname, uint8_t mac[6])
     if (!file.get())
         return -1;
     uint8_t b[6];
+    // NOLINTNEXTLINE(cert-err34-c): two digits fit a byte
     if (fscanf(file.get(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]) !=
         6) {
         if (!ferror(file.get()))

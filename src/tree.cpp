@@ -690,6 +690,7 @@ int work_treenode_locked(tree_node **handle, tree_work_fn fn, void *arg, pthread
     if (handle == nullptr || *handle == nullptr || (*handle)->left == nullptr || fn == nullptr)
         return 0;
     const size_t count = count_all(*handle);
+    // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): there is a root, so one at least
     auto *copies = static_cast<tree_node *>(calloc(count, sizeof(tree_node)));
     if (copies == nullptr)
         return 0;

@@ -296,6 +296,15 @@ TEST_F(ClparseAddChildAfter, FailsForNullWithoutErrno)
     EXPECT_EQ(tags(root()), "a");
 }
 
+TEST_F(ClparseAddChildAfter, LeavesANodeThatIsToReplaceItself)
+{
+    add(root(), clparse_create_null_node("a"));
+    clparse_node *node = add(root(), clparse_create_null_node("b"));
+    EXPECT_EQ(clparse_add_child_after(node, node), 0);
+    EXPECT_EQ(tags(root()), "ab");
+    EXPECT_EQ(node->parent, root());
+}
+
 TEST_F(ClparseAddChildAfter, ReplacesADetachedNode)
 {
     clparse_node *old_node = clparse_create_null_node("o"), *new_node = clparse_create_null_node("n");

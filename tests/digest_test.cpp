@@ -3,6 +3,7 @@
 #include <qvlib/encoding.h>
 
 #include "digest.h"
+#include "fewer_instructions.h"
 #include "guarded_bytes.h"
 #include "processor.h"
 
@@ -239,6 +240,17 @@ TEST_P(Digest, PadsEveryLengthAroundTheBlockAlikeInOnePieceAndInTwo)
                                         std::string_view(message).substr(length / 2)}),
                   digest);
         EXPECT_TRUE(seen.insert(digest).second) << length;
+    }
+}
+
+TEST_P(Digest, IsTheSameOnAProcessorWithoutInstructionsForIt)
+{
+    std::mt19937 random(14);
+    for (size_t length = 0; length < 200; length += 7) {
+        const std::string message = random_message(random, length);
+        const std::string here = single(algorithm_, message);
+        const fewer_instructions none(0);
+        EXPECT_EQ(single(algorithm_, message), here) << length;
     }
 }
 

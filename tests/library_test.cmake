@@ -10,7 +10,8 @@ add_test(NAME Library.ExportsWhatTheVersionScriptLists
           ${SANITIZED})
 if(NOT SANITIZED) # sanitizers write beside every table
   add_test(NAME Library.SharesItsTablesAmongProcesses
-    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/shared_tables_test.sh $<TARGET_FILE:qvlib_static>)
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/shared_tables_test.sh $<TARGET_FILE:qvlib_static>
+            $<$<BOOL:${QVLIB_FIRMWARE}>:firmware>)
 endif()
 find_program(DOXYGEN doxygen)
 if(DOXYGEN)

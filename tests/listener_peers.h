@@ -3,6 +3,7 @@
 #ifndef QVLIB_TESTS_LISTENER_PEERS_H
 #define QVLIB_TESTS_LISTENER_PEERS_H
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -88,6 +89,20 @@ inline unsigned int free_port()
     return ntohs(address.sin_port);
 }
 
+// Whether somebody listens on a port of this address. The loopback network has more addresses than 127.0.0.1:
+// they tell a listener on all addresses from one on that alone.
+inline bool listens_at(const char *address_text, unsigned int port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address_text, &address.sin_addr);
+    const bool connected = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    close(fd);
+    return connected;
+}
+
 // A connection to a port of this host.
 class client
 {
@@ -134,6 +149,12 @@ class client
         const linger at_once = {1, 0};
         setsockopt(fd_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
         hang_up();
+    }
+    // Whether all was taken at once.
+    bool write(const std::string &bytes) const
+    {
+        return ::send(fd_, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(bytes.size());
     }
     // Of its own end.
     unsigned int port() const

@@ -12,8 +12,19 @@
 #include <gtest/gtest.h>
 #include <qvlib/memcheck.h>
 
+#include "failing_calls.h"
 #include "failing_malloc.h"
 #include "memdebug.h"
+
+extern "C" {
+
+int __real_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes);
+
+int __wrap_pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes)
+{
+    return failing_calls::fails("pthread_mutex_init") ? errno : __real_pthread_mutex_init(mutex, attributes);
+}
+}
 
 namespace
 {
@@ -240,6 +251,15 @@ TEST_F(LockChecker, CannotStartWithoutMemory)
 {
     failing_alloc::after none(0);
     EXPECT_EQ(check_lock_init(), ENOMEM);
+    EXPECT_EQ(check_lock_add("a.c", 10, 1, nullptr), 0u);
+}
+
+TEST_F(LockChecker, CannotStartWithoutAMutex)
+{
+    {
+        const failing_calls::failing init("pthread_mutex_init", EAGAIN);
+        EXPECT_EQ(check_lock_init(), EAGAIN);
+    }
     EXPECT_EQ(check_lock_add("a.c", 10, 1, nullptr), 0u);
 }
 

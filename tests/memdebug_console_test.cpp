@@ -485,6 +485,24 @@ TEST_F(MemdebugStop, DoesNotWaitForAThreadThatStaysInside)
     stop();
 }
 
+TEST_F(MemdebugStop, KeepsEverySessionThatAThreadMayBeInside)
+{
+    start();
+    inside = 0;
+    void *block = nullptr;
+    std::thread slow([&] { block = qv_memcheck_malloc(slow_malloc, 16, "slow", 1); });
+    ASSERT_TRUE(peers::eventually([] { return inside == 1; }));
+    stop();
+    start();
+    stop();
+    inside = 2;
+    slow.join();
+    EXPECT_NE(block, nullptr);
+    free(block);
+    start(); // a later stop releases both
+    stop();
+}
+
 std::atomic<int> stop_result, stop_error;
 
 void stop_in_hook()
@@ -598,6 +616,32 @@ TEST_F(MemdebugChecker, HoldsNoLockWhileTheHookRuns)
     stop();
 }
 
+std::atomic<void *> block_of_hook;
+
+void release_in_hook()
+{
+    if (void *block = block_of_hook.exchange(nullptr))
+        release(block);
+}
+
+TEST_F(MemdebugChecker, GoesOnBehindAFunctionWhoseLastBlockTheHookReleases)
+{
+    start();
+    auto *later = static_cast<unsigned char *>(block_of(12, "later"));
+    auto *first = static_cast<unsigned char *>(block_of(12, "first"));
+    block_of_hook = first;
+    on_fault = release_in_hook;
+    {
+        const qv::table_guard unchecked(qv::running_session());
+        first[12] ^= 1;
+        later[12] ^= 1;
+    }
+    EXPECT_TRUE(peers::eventually([] { return faults == 2; }));
+    EXPECT_THAT(shown().line(-2), StartsWith("later LINE:1, Size:12 PostMarker:"));
+    release(later);
+    stop();
+}
+
 TEST_F(MemdebugChecker, LogsItsOwnFailedOutput)
 {
     const captured_stderr log;
@@ -697,6 +741,25 @@ TEST_F(MemdebugClients, SeeTheConsole)
     EXPECT_THAT(first.text(), HasSubstr("MemDebug Complete"));
 }
 
+TEST_F(MemdebugClients, MayComeByEveryAddressOfTheHost)
+{
+    listen();
+    EXPECT_TRUE(peers::eventually([&] { return peers::listens_at("127.0.0.2", port_); }));
+    EXPECT_TRUE(peers::listens_at("127.0.0.1", port_));
+    stop();
+}
+
+TEST_F(MemdebugClients, AreNotRead)
+{
+    listen();
+    client peer(port_);
+    peer.read_until("DEBUG---");
+    EXPECT_TRUE(peer.write(std::string(100000, 'x')));
+    gotoline(20, "still there");
+    EXPECT_THAT(peer.read_until("still there"), HasSubstr("still there"));
+    stop();
+}
+
 TEST_F(MemdebugClients, GetNothingWhileADescriptorIsGiven)
 {
     const memory_file console;
@@ -720,6 +783,25 @@ TEST_F(MemdebugClients, AreReportedWhenTheCheckersPrintingDropsThem)
     EXPECT_THAT(staying.read_until("memdebug:186)"),
                 HasSubstr("Could not find the allocation to free (../src/memdebug:186)"));
     EXPECT_TRUE(peers::eventually([] { return faults == 1; }));
+    stop();
+}
+
+TEST_F(MemdebugClients, LeaveARecordForTheNextOnes)
+{
+    listen();
+    for (int i = 1; i <= 10; i++) {
+        client vanishing(port_);
+        vanishing.read_until("DEBUG---");
+        vanishing.reset();
+        EXPECT_TRUE(peers::eventually([i] { return faults == i; }));
+    }
+    qv::memdebug_session *session = qv::running_session();
+    int records = 0;
+    pthread_mutex_lock(&session->client_lock);
+    for (const qv::console_client *left = session->retired; left; left = left->next)
+        records++;
+    pthread_mutex_unlock(&session->client_lock);
+    EXPECT_LE(records, 2); // one is in the listener's hands
     stop();
 }
 

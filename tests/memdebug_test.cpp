@@ -1106,6 +1106,36 @@ TEST_F(TrackedShortage, OfALargerIndexLosesNoBlock)
     EXPECT_THAT(hook_calls, IsEmpty());
 }
 
+TEST_F(TrackedShortage, OfTheIndexOfNamesLosesNoFunction)
+{
+    session_->output_fd = -1;
+    const auto name = [](int i) { return "function " + std::to_string(i); };
+    std::vector<void *> blocks;
+    for (int i = 0; i < 300; i++) {
+        // The index is wanted first for the 65th name.
+        const failing_heap::after none(i < 100 ? 2 : 1000, failing_heap::calloc_calls);
+        blocks.push_back(block_of(12, name(i).c_str()));
+        EXPECT_EQ(session_->name_bucket_count != 0, i >= 100);
+    }
+    for (int i = 0; i < 300; i += 2)
+        blocks.push_back(block_of(12, name(i).c_str()));
+    std::vector<row> expected;
+    for (int i = 299; i > 0; i -= 2)
+        expected.push_back({name(i), 1, 12});
+    std::vector<row> found = table();
+    ASSERT_EQ(found.size(), 300u);
+    EXPECT_EQ(std::vector<row>(found.begin(), found.begin() + 150), expected);
+    for (const row &twice : std::vector<row>(found.begin() + 150, found.end()))
+        EXPECT_EQ(twice, (row{twice.name, 2, 24}));
+    for (void *block : blocks)
+        release(block);
+    EXPECT_THAT(table(), IsEmpty());
+    EXPECT_THAT(hook_calls, IsEmpty());
+    void *again = block_of(12, name(0).c_str());
+    EXPECT_THAT(table(), ElementsAre(row{name(0), 1, 12}));
+    release(again);
+}
+
 TEST_F(TrackedShortage, ThatLastsEndsInFailureResultsWithoutARecursionOfReports)
 {
     const captured_stderr log;

@@ -1267,6 +1267,21 @@ TEST_F(SearchingATree, SetsEfaultForABrokenTargetList)
     EXPECT_EQ(text(target), "\"a\":5,\"b\":2");
 }
 
+TEST_F(SearchingATree, SetsEfaultForABrokenSourceList)
+{
+    add(target, clparse_create_number_node("a", 1));
+    add(target, clparse_create_number_node("b", 2));
+    clparse_node *a = add(source, clparse_create_number_node("a", 5));
+    add(source, clparse_create_number_node("b", 5));
+    clparse_node *after = a->next;
+    a->next = nullptr;
+    errno = 0;
+    EXPECT_EQ(clparse_select(target, source), -1);
+    EXPECT_EQ(errno, EFAULT);
+    a->next = after;
+    EXPECT_EQ(text(target), "\"a\":5,\"b\":2");
+}
+
 TEST_F(SearchingATree, SetsEfaultForABrokenWideTargetList)
 {
     for (int i = 0; i < 200; i++)

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "failing_malloc.h"
+#include "machine.h"
 
 namespace
 {
@@ -1008,7 +1009,7 @@ TEST_F(Queue, BehavesAsAPlainModelOverRandomOperations)
         return number < 0 ? nullptr : &all[static_cast<size_t>(number)];
     };
 
-    for (int step = 0; step < 100000; step++) {
+    for (int step = 0; step < scaled(100000); step++) {
         const unsigned int key = below(keys), list = below(lists + 1), to = below(lists + 1);
         int &slot = m.slots[key % slots];
         const size_t number = below(static_cast<unsigned int>(all.size()));
@@ -1237,12 +1238,12 @@ TEST(ListSort, LosesNoElementWhenTheCountIsWrong)
 TEST(ListSort, SortsALongList)
 {
     std::mt19937 random(9);
-    std::vector<unsigned int> keys(300000);
+    std::vector<unsigned int> keys(scaled(300000u));
     for (unsigned int &key : keys)
         key = static_cast<unsigned int>(random());
     sortable list(keys);
     pairs.clear();
-    __list_sort(&list.head, 300000, compare_recorded);
+    __list_sort(&list.head, static_cast<unsigned int>(keys.size()), compare_recorded);
     std::sort(keys.begin(), keys.end(), std::greater<>());
     EXPECT_EQ(list.keys(), keys);
 }

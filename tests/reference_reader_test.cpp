@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "machine.h"
 #include "reference/reference_reader.h"
 
 namespace
@@ -25,7 +26,7 @@ namespace
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int text_count = 100000;
 #else
-constexpr int text_count = 1000000;
+constexpr int text_count = scaled(1000000);
 #endif
 
 // ---- What the library does besides returning a tree
@@ -401,11 +402,11 @@ TEST(Reader, AgreesWithItsReferenceWhereTheStackEnds)
 {
     text_maker maker(2);
     tally results;
-    for (int i = 0; i < 400 && !HasFatalFailure(); i++)
+    for (int i = 0; i < scaled(400) && !HasFatalFailure(); i++)
         results.compare(maker.deep());
-    EXPECT_GT(results[0], 20);
-    EXPECT_GT(results[1], 20);
-    EXPECT_GT(results[2], 20);
+    EXPECT_GT(results[0], scaled(20));
+    EXPECT_GT(results[1], scaled(20));
+    EXPECT_GT(results[2], scaled(20));
 }
 
 } // namespace

@@ -20,6 +20,7 @@
 #include "failing_heap.h"
 #include "listener_peers.h"
 #include "log_lines.h"
+#include "machine.h"
 #include "pdu_input.h"
 #include "relay_ends.h"
 #include "remote_gui.h"
@@ -625,6 +626,25 @@ TEST_F(RguiLocal, GoesOnWhenDelayCannotBeSwitchedOff)
     EXPECT_THAT(log.take(), ElementsAre("ERROR: RGUI: setsockopt: TCP_NODELAY: Operation not permitted (1)"));
 }
 
+TEST_F(RguiLocal, KeepsConnectionsApartWhoseIdsAreFarApart)
+{
+    start();
+    const stream first = client();
+    std::optional<failing> threads(std::in_place, "pthread_create", EAGAIN); // which saves time
+    for (int id = 2; id <= 256; id++) {
+        connect_to(port_).reset();
+        ASSERT_TRUE(channel_.wait_for_opens(static_cast<size_t>(id)));
+        ASSERT_EQ(give(session_, RGUI_CLOSE, id), 0);
+    }
+    threads.reset();
+    const stream second = connect_to(port_);
+    ASSERT_TRUE(channel_.wait_for_opens(257));
+    EXPECT_EQ(give(session_, RGUI_CLOSE, 1), 0);
+    EXPECT_TRUE(peers::eventually([&] { return give(session_, RGUI_DATA, 1, "x") == -1; }));
+    EXPECT_EQ(give(session_, RGUI_DATA, 257, "second"), 0);
+    EXPECT_EQ(second.read(6), "second");
+}
+
 TEST_F(RguiLocal, BeginsAgainAfterTheLastIdAndPassesOverThoseInUse)
 {
     start();
@@ -684,6 +704,13 @@ TEST_F(RguiLocal, ListensOnAllAddressesWithoutANode)
     ASSERT_NE(session_, nullptr);
     const stream peer = client();
     EXPECT_EQ(channel_.wait_for(1), std::vector{opened(1)});
+}
+
+TEST_F(RguiLocal, ListensOnItsAddressAlone)
+{
+    start();
+    EXPECT_TRUE(peers::eventually([&] { return peers::listens_at("127.0.0.1", port_); }));
+    EXPECT_FALSE(peers::listens_at("127.0.0.2", port_));
 }
 
 TEST_F(RguiLocal, KeepsCopiesOfItsAddress)
@@ -1401,7 +1428,7 @@ TEST_F(RguiBothEnds, MayStopWheneverTheyWantWithTraffic)
     {
         const echo_server server;
         double longest = 0;
-        for (int cycle = 0; cycle < 1000; cycle++) {
+        for (int cycle = 0; cycle < scaled(1000); cycle++) {
             start();
             std::vector<stream> clients;
             for (unsigned int i = 0; i < 1 + random() % 3; i++) {
@@ -1449,7 +1476,7 @@ TEST_F(RguiBothEnds, MayBeClosedFromEverywhereAtOnce)
             }
         });
     std::mt19937 random(9);
-    for (int i = 0; i < 200; i++) {
+    for (int i = 0; i < scaled(200); i++) {
         stream client = connect_to(port_);
         client.write(pattern(random() % 5000));
         if (i % 3 == 0)

@@ -4,6 +4,8 @@
 #include <qvlib/encoding.h>
 #include <qvlib/scsi.h>
 
+#include "text_compression.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +13,8 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 namespace
@@ -53,6 +57,18 @@ std::string digest_of(const std::vector<row> &rows, const char *format)
     char hex[2 * SHA256_DIGEST_SIZE + 1];
     hex_encode(digest, sizeof(digest), hex);
     return hex;
+}
+
+// A text compressed and unpacked again, and how many bytes it takes meanwhile.
+template <size_t Size> std::string compressed_and_back(const char (&text)[Size], size_t &size)
+{
+    static std::array<char, Size - 1> bytes;
+    std::copy_n(text, Size - 1, bytes.begin());
+    const auto compressed = qv::compress(bytes);
+    size = compressed.size;
+    std::string unpacked(Size - 1, '?');
+    qv::unpack(compressed.bytes.data(), compressed.size, unpacked.data());
+    return unpacked;
 }
 
 std::map<std::string, int> count_texts(const std::vector<row> &rows)
@@ -308,4 +324,80 @@ TEST(GetScsiStandard, IsNullForAnyOtherCode)
     for (unsigned int code = 0; code <= 0xffff; code++)
         known += get_scsi_standard(code) != nullptr;
     EXPECT_EQ(known, 118);
+}
+
+// ---- Texts of a firmware build
+
+TEST(CompressedText, KeepsWhatDoesNotRepeat)
+{
+    size_t size = 0;
+    EXPECT_EQ(compressed_and_back("A", size), "A");
+    EXPECT_EQ(size, 1u);
+    EXPECT_EQ(compressed_and_back("ABAB", size), "ABAB");
+    EXPECT_EQ(size, 4u);
+    EXPECT_EQ(compressed_and_back("ABCDEFGH\x7f", size), "ABCDEFGH\x7f");
+    EXPECT_EQ(size, 9u);
+}
+
+TEST(CompressedText, TakesTwoBytesForARepeat)
+{
+    size_t size = 0;
+    EXPECT_EQ(compressed_and_back("ABC-ABC", size), "ABC-ABC");
+    EXPECT_EQ(size, 6u);
+    EXPECT_EQ(compressed_and_back("LOGICAL UNIT|LOGICAL UNIT", size), "LOGICAL UNIT|LOGICAL UNIT");
+    EXPECT_EQ(size, 15u);
+}
+
+TEST(CompressedText, RepeatsEighteenBytesAtMost)
+{
+    size_t size = 0;
+    const char text[] = "ABCDEFGHIJKLMNOPQR-ABCDEFGHIJKLMNOPQRABC";
+    EXPECT_EQ(compressed_and_back(text, size), text);
+    EXPECT_EQ(size, 19u + 2 + 2);
+}
+
+TEST(CompressedText, RepeatsWhatItIsJustWriting)
+{
+    size_t size = 0;
+    EXPECT_EQ(compressed_and_back("AAAAAAAAAAAAAAAAAAA", size), std::string(19, 'A'));
+    EXPECT_EQ(size, 3u);
+    EXPECT_EQ(compressed_and_back("ABABABAB", size), "ABABABAB");
+    EXPECT_EQ(size, 4u);
+}
+
+TEST(CompressedText, LooksTwoThousandAndFortyEightBytesBack)
+{
+    for (const size_t distance : {2048u, 2049u}) {
+        static std::array<char, 2049 + 8> bytes;
+        const size_t begin = bytes.size() - 8 - distance;
+        bytes.fill('.');
+        std::copy_n("REPEATED", 8, bytes.begin() + static_cast<ptrdiff_t>(begin));
+        std::copy_n("REPEATED", 8, bytes.end() - 8);
+        const auto compressed = qv::compress(bytes);
+        std::string unpacked(bytes.size(), '?');
+        qv::unpack(compressed.bytes.data(), compressed.size, unpacked.data());
+        EXPECT_EQ(unpacked, std::string_view(bytes.data(), bytes.size()));
+        EXPECT_EQ(compressed.bytes[compressed.size - 1] == 'D', distance > 2048) << distance;
+    }
+}
+
+TEST(GetAscascqInfo, AnswersThreadsThatAskFirstAtOnce)
+{
+    std::vector<std::thread> threads;
+    std::vector<std::string> answers(8);
+    for (std::string &answer : answers)
+        threads.emplace_back(
+            [&answer] { answer = get_ascascq_info(0x74, 0x79) + std::string(get_command_info(0)); });
+    for (std::thread &thread : threads)
+        thread.join();
+    for (const std::string &answer : answers)
+        EXPECT_EQ(answer, "SECURITY CONFLICT IN TRANSLATED DEVICETEST UNIT READY");
+}
+
+TEST(GetAscascqInfo, GivesTheSameTextEachTime)
+{
+    const char *text = get_ascascq_info(0x04, 0x01);
+    get_command_info(0x7f);
+    get_ascascq_info(0x74, 0x79);
+    EXPECT_EQ(get_ascascq_info(0x04, 0x01), text);
 }

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
+#include <list>
 #include <pthread.h>
 #include <random>
 #include <string>
@@ -198,6 +199,31 @@ TEST_F(TelnetLog, GivesASecondClientTheSameLinesFromItsArrival)
     send(feed_, 8, "two");
     EXPECT_EQ(first.read_until("two\n"), second.read_until("two\n"));
     EXPECT_THAT(lines_of(second.text()), ElementsAre("DEBUG: one", "TELNT: two"));
+}
+
+TEST_F(TelnetLog, IsOpenOnEveryAddressOfTheHost)
+{
+    EXPECT_TRUE(peers::eventually([&] { return peers::listens_at("127.0.0.2", port_); }));
+    EXPECT_TRUE(peers::listens_at("127.0.0.1", port_));
+}
+
+TEST_F(TelnetLog, AsksForNothingAndReadsNothing)
+{
+    client peer(port_);
+    await(feed_, peer);
+    EXPECT_TRUE(peer.write(std::string(100000, 'x') + "\nquit\n"));
+    send(feed_, 7, "still there");
+    EXPECT_THAT(lines_of(peer.read_until("still there\n")), testing::Contains("DEBUG: still there"));
+}
+
+TEST_F(TelnetLog, TakesAsManyClientsAsCome)
+{
+    std::list<client> crowd;
+    for (int i = 0; i < 100; i++)
+        await(feed_, crowd.emplace_back(port_));
+    send(feed_, 7, "for all");
+    for (client &peer : crowd)
+        EXPECT_THAT(lines_of(peer.read_until("for all\n")), testing::Contains("DEBUG: for all"));
 }
 
 TEST_F(TelnetLog, DropsAClientThatVanished)

@@ -568,6 +568,27 @@ TEST_F(Functions, GiveTheLeavesOfAnExpansionTheirPathsByTheirParents)
 
 // ---- Size
 
+TEST(Writers, WriteTagsOfAnyLength)
+{
+    for (size_t length = 1; length < 50; length++) {
+        const std::string tag(length, 't');
+        const head_ptr head = read((tag + "=1").c_str());
+        EXPECT_EQ(corelink_of(head), tag + "=1");
+        EXPECT_EQ(corelink_of(head, 1), tag + "=1");
+        EXPECT_EQ(json_of(head), "\"" + tag + "\":1");
+    }
+}
+
+TEST(ClparseGetXml, EscapesInAStringOfAnyLength)
+{
+    for (size_t length = 60; length < 70; length++) {
+        const std::string plain(length, 'p');
+        const head_ptr head = read(("s=\"" + plain + "<" + plain + plain + "\"").c_str());
+        EXPECT_EQ(xml_of(head, 0, "r"),
+                  "<r><s type=\"string\">" + plain + "&lt;" + plain + plain + "</s></r>");
+    }
+}
+
 TEST(Writers, WriteManyElementsAndQuotes)
 {
     std::string list = "l=[0", paths = "l.0=0";
@@ -698,6 +719,22 @@ TEST(ClparseBuildPath, GivesTagsAndPositions)
     EXPECT_EQ(take(clparse_build_path(p)), "s.p");
     EXPECT_EQ(take(clparse_build_path(third)), "s.p.2");
     EXPECT_EQ(take(clparse_build_path(c->value.children->next)), "s.p.2.c.0");
+}
+
+TEST(ClparseBuildPath, GivesPositionsOfAnyLength)
+{
+    std::string document = "a=[0";
+    for (int i = 1; i <= 1000; i++)
+        document += ",0";
+    const head_ptr head = read((document + "]").c_str());
+    unsigned int position = 0;
+    const clparse_node *list = clparse_get_head(head.get())->value.children->next->value.children;
+    for (clparse_node *child = list->next; child != list; child = child->next, position++) {
+        if (position < 12 || position % 99 <= 1 || position == 1000) {
+            EXPECT_EQ(take(clparse_build_path(child)), "a." + std::to_string(position));
+        }
+    }
+    EXPECT_EQ(position, 1001u);
 }
 
 TEST(ClparseBuildPath, FailsWithoutAFirstTag)

@@ -170,7 +170,7 @@ int run_ssha_check(const device_options &options)
 }
 
 CLI::App *add_command(CLI::App &parent, const char *name, const char *purpose, std::function<int()> &run,
-                      std::function<int()> action)
+                      const std::function<int()> &action)
 {
     CLI::App *command = parent.add_subcommand(name, purpose);
     command->callback([&run, action] { run = action; });

@@ -195,7 +195,7 @@ class diagnosis
 
     bool closes_outer(int kind) const
     {
-        const int opener = kind == '}' ? '{' : '[';
+        const auto opener = kind == '}' ? '{' : '[';
         if (at_.open.empty() || at_.open.back().kind == opener)
             return false;
         for (const token &open : at_.open) {

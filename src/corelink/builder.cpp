@@ -9,20 +9,110 @@
 #include <qvlib/memcheck.h>
 
 #include "../where.h"
-#include "tag_index.h"
+#include "tag_hash.h"
 #include "tree.h"
 
 namespace qv
 {
 
-// The index of a large container. The container's sentinel points to it while the text is read, through a
-// word that sentinels do not use otherwise.
-struct tree_builder::container_index {
-    tag_index index;
-    clparse_node *sentinel;
-    clparse_node *last; // the last child that was added
-    container_index *next;
+// The last child with each tag of a large container. The container's sentinel points to it while the text is
+// read, through a word that sentinels do not use otherwise. Its slots hold little: of many prefixes each
+// look-up meets memory that no cache holds.
+class tree_builder::container_index
+{
+  public:
+    container_index(clparse_node *sentinel, container_index *following)
+        : next(following), sentinel_(sentinel), last_(sentinel)
+    {
+    }
+    ~container_index()
+    {
+        sentinel_->value.func.priv = nullptr;
+        free(slots_);
+    }
+    container_index(const container_index &) = delete;
+    container_index &operator=(const container_index &) = delete;
+
+    // Takes in the children that were linked since. False when memory is short.
+    bool catch_up()
+    {
+        for (clparse_node *child = last_->next; child != sentinel_; child = child->next) {
+            if (child->tag && !put(child, hash_(child->tag)))
+                return false;
+            last_ = child;
+        }
+        return true;
+    }
+
+    // The last child with this tag, or null; all children were taken in.
+    clparse_node *find(const char *tag)
+    {
+        missed_hash_ = hash_(tag);
+        return slot_count_ ? slot_of(tag, missed_hash_)->child : nullptr;
+    }
+
+    // Takes in the next child, whose tag was looked for in vain last.
+    void add_missed(clparse_node *child)
+    {
+        if (last_->next == child && put(child, missed_hash_))
+            last_ = child;
+    }
+
+    container_index *const next;
+
+  private:
+    struct slot {
+        clparse_node *child; // null in a free slot
+        uint32_t hash;
+    };
+
+    // Where a tag stands or would stand.
+    slot *slot_of(const char *tag, uint32_t hash) const
+    {
+        for (uint32_t at = hash;; at++) {
+            slot &here = slots_[at & (slot_count_ - 1)];
+            if (!here.child || (here.hash == hash && strcmp(here.child->tag, tag) == 0))
+                return &here;
+        }
+    }
+    bool put(clparse_node *child, uint32_t hash)
+    {
+        if (used_ * 2 >= slot_count_ && !grow())
+            return false;
+        slot *here = slot_of(child->tag, hash);
+        used_ += !here->child;
+        *here = {child, hash};
+        return true;
+    }
+    bool grow();
+
+    const tag_hash hash_;
+    clparse_node *const sentinel_;
+    clparse_node *last_; // the last child that was taken in
+    slot *slots_ = nullptr;
+    uint32_t slot_count_ = 0, used_ = 0;
+    uint32_t missed_hash_ = 0;
 };
+
+bool tree_builder::container_index::grow()
+{
+    const uint32_t count = slot_count_ ? slot_count_ * 2 : 64;
+    auto *slots = static_cast<slot *>(count > slot_count_ ? calloc(count, sizeof(slot)) : nullptr);
+    if (!slots)
+        return false;
+    for (uint32_t i = 0; i < slot_count_; i++) {
+        if (!slots_[i].child)
+            continue;
+        uint32_t at = slots_[i].hash;
+        while (slots[at & (count - 1)].child)
+            at++;
+        slots[at & (count - 1)] = slots_[i];
+    }
+    free(slots_);
+    slots_ = slots;
+    slot_count_ = count;
+    return true;
+}
 
 namespace
 {
@@ -52,7 +142,6 @@ tree_builder::~tree_builder()
     free_cursor(spare_);
     while (container_index *index = indexes_) {
         indexes_ = index->next;
-        index->sentinel->value.func.priv = nullptr;
         index->~container_index();
         free(index);
     }
@@ -75,6 +164,8 @@ build_result tree_builder::enter_prefix(char *tag)
     if (!prefix->value.children)
         return build_result::out_of_memory;
     link_last(container, prefix);
+    if (container_index *index = existing_index(container->value.children))
+        index->add_missed(prefix);
     return next_cursor(prefix);
 }
 
@@ -82,34 +173,27 @@ clparse_node *tree_builder::find_last_child(clparse_node *container, const char 
 {
     clparse_node *sentinel = container->value.children;
     clparse_node *child = sentinel->prev;
-    for (int step = 0; step < tail_walk; step++, child = child->prev) {
+    const int steps = existing_index(sentinel) ? 1 : tail_walk;
+    for (int step = 0; step < steps; step++, child = child->prev) {
         if (child == sentinel)
             return nullptr;
         if (child->tag && strcmp(child->tag, tag) == 0)
             return child;
     }
     container_index *index = index_of(sentinel);
-    if (!index)
-        return walk_back(child, sentinel, tag);
-    for (clparse_node *next = index->last->next; next != sentinel; next = next->next) {
-        if (!index->index.add(next))
-            return walk_back(child, sentinel, tag);
-        index->last = next;
-    }
-    return index->index.last(tag);
+    return index && index->catch_up() ? index->find(tag) : walk_back(child, sentinel, tag);
 }
 
 tree_builder::container_index *tree_builder::index_of(clparse_node *sentinel)
 {
-    if (sentinel->value.func.priv)
-        return static_cast<container_index *>(sentinel->value.func.priv);
+    if (container_index *index = existing_index(sentinel))
+        return index;
     void *memory = malloc(sizeof(container_index));
     if (!memory)
         return nullptr;
-    auto *index = new (memory) container_index{{}, sentinel, sentinel, indexes_};
-    indexes_ = index;
-    sentinel->value.func.priv = index;
-    return index;
+    indexes_ = new (memory) container_index(sentinel, indexes_);
+    sentinel->value.func.priv = indexes_;
+    return indexes_;
 }
 
 } // namespace qv

@@ -86,7 +86,7 @@ class tree_builder
     }
 
   private:
-    struct container_index;
+    class container_index;
 
     build_result next_cursor(clparse_node *parent)
     {
@@ -97,6 +97,10 @@ class tree_builder
         cursor->parent = parent;
         head_->cursor = cursor;
         return build_result::done;
+    }
+    static container_index *existing_index(const clparse_node *sentinel)
+    {
+        return static_cast<container_index *>(sentinel->value.func.priv);
     }
     clparse_node *find_last_child(clparse_node *container, const char *tag);
     container_index *index_of(clparse_node *sentinel);

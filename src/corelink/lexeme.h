@@ -43,50 +43,158 @@ inline bool is_class(char c, int classes)
     return char_classes[static_cast<unsigned char>(c)] & classes;
 }
 
-// The first quote or backslash, or `end`.
-inline const char *find_quote_or_backslash(const char *at, const char *end)
+// The end of a string's contents, and how many of its pairs stand for one character.
+struct contents_end {
+    const char *at; // the closing quote, or where it was found that there is none
+    bool closed;
+    uint64_t escapes;
+};
+
+// The same character by character, with what was found before.
+inline contents_end find_closing_quote_slowly(const char *at, const char *end, uint64_t escapes)
 {
-    for (; end - at >= 8; at += 8) {
-        const uint64_t word = load_word(at);
-        if (const uint64_t places = places_of(word, '"') | places_of(word, '\\'))
-            return at + first_place(places);
-    }
-    while (at < end && *at != '"' && *at != '\\')
+    for (; at < end && *at != '"'; at++) {
+        if (*at != '\\')
+            continue;
+        if (end - at < 2 || at[1] == '\n')
+            return {at + 1, false, 0};
         at++;
-    return at;
+        escapes += *at == '"' || *at == '\\';
+    }
+    return {at, at < end, escapes};
+}
+
+template <class block> contents_end find_closing_quote(const char *at, const char *end)
+{
+    using places = typename block::places;
+    uint64_t escapes = 0;
+    while (end - at >= block::size) {
+        const block characters(at);
+        const places quotes = characters.places_of('"'), marks = quotes | characters.places_of('\\');
+        int step = block::size;
+        // By pairs: what follows a backslash means nothing by itself.
+        for (places left = marks; left != 0;) {
+            const places first = left & -left, second = first << block::bits_per_place;
+            const int place = first_place_in<block>(first);
+            if (quotes & first)
+                return {at + place, true, escapes};
+            if (place == block::size - 1) {
+                step = place;
+                break;
+            }
+            if (at[place + 1] == '\n')
+                return {at + place + 1, false, 0};
+            escapes += (marks & second) != 0;
+            left &= ~(first | second);
+        }
+        at += step;
+    }
+    return find_closing_quote_slowly(at, end, escapes);
+}
+
+// Undoes escaped quotes and backslashes in a string's contents; every other pair stays as it is written.
+// Writes what fits between `to` and `to_end`, which is all.
+inline void unescape_slowly(char *to, const char *text, const char *end)
+{
+    while (text < end) {
+        if (*text == '\\') {
+            text++; // in a string a backslash always has a successor
+            if (*text != '"' && *text != '\\')
+                *to++ = '\\';
+        }
+        *to++ = *text++;
+    }
+}
+
+template <class block> void unescape(char *to, const char *to_end, const char *text, const char *end)
+{
+    using places = typename block::places;
+    // Runs are copied by whole blocks, of which the last may reach as far behind the block that is looked at.
+    while (end - text >= 2 * block::size && to_end - to >= 2 * block::size) {
+        const block characters(text);
+        const places marks = characters.places_of('"') | characters.places_of('\\');
+        int from = 0, step = block::size;
+        for (places left = marks; left != 0;) {
+            const places first = left & -left, second = first << block::bits_per_place;
+            const int place = first_place_in<block>(first);
+            if (place == block::size - 1) {
+                step = place;
+                break;
+            }
+            if (marks & second) {
+                block(text + from).store(to);
+                to += place - from;
+                from = place + 1;
+            }
+            left &= ~(first | second);
+        }
+        block(text + from).store(to);
+        to += step - from;
+        text += step;
+    }
+    unescape_slowly(to, text, end);
 }
 
 // An opening quote without its closing one, or with a backslash at the end of a line before it, is a
 // character that means nothing.
 inline lexeme string_lexeme(const char *text, const char *end)
 {
-    uint64_t escapes = 0;
-    const char *at = text + 1;
-    while ((at = find_quote_or_backslash(at, end)) < end && *at == '\\') {
-        if (end - at < 2 || at[1] == '\n') {
-            at++;
-            return {'"', text, text + 1, at < end ? at : end, 0};
-        }
-        escapes += at[1] == '"' || at[1] == '\\';
-        at += 2;
-    }
-    if (at == end)
-        return {'"', text, text + 1, end, 0};
-    return {CLPARSE_TOKEN_STRING, text, at + 1, at, escapes};
+    const contents_end found = find_closing_quote<text_block>(text + 1, end);
+    if (!found.closed)
+        return {'"', text, text + 1, found.at, 0};
+    return {CLPARSE_TOKEN_STRING, text, found.at + 1, found.at, found.escapes};
 }
 
-inline lexeme word_lexeme(const char *text)
+// Marks what is neither letter nor digit.
+inline uint64_t places_behind_word(uint64_t word)
 {
-    const char *at = text + 1;
+    const uint64_t low = word & ~every_place;
+    const uint64_t lower_case =
+        low | eight_of(0x20); // makes 0x7f of the underline, too, and nothing a letter
+    const uint64_t members =
+        places_between(lower_case, 'a', 'z') | places_between(low, '0', '9') | places_between(low, '_', '_');
+    return (~members | word) & every_place;
+}
+
+inline lexeme word_lexeme(const char *text, const char *end)
+{
+    const char *at = text;
+    bool boolean = false;
+    for (; end - at >= 8; at += 8) {
+        const uint64_t word = load_word(at);
+        const uint64_t behind = places_behind_word(word);
+        if (behind == 0)
+            continue;
+        const uint64_t members = word & (((behind & -behind) >> 7) - 1);
+        boolean = at == text && (members == word_of("true") || members == word_of("false"));
+        at += first_place(behind);
+        return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
+    }
     while (is_class(*at, letter | digit))
         at++;
     const auto length = at - text;
-    const bool boolean =
-        (length == 4 && memcmp(text, "true", 4) == 0) || (length == 5 && memcmp(text, "false", 5) == 0);
+    boolean = (length == 4 && memcmp(text, "true", 4) == 0) || (length == 5 && memcmp(text, "false", 5) == 0);
     return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
 }
 
-constexpr uint64_t eight_spaces = UINT64_C(0x2020202020202020);
+// How many of a word's first seven characters are decimal digits.
+inline int leading_digits(uint64_t word)
+{
+    const uint64_t digits = places_between(word & ~every_place, '0', '9') & ~word;
+    return first_place((~digits & every_place) | UINT64_C(1) << 63);
+}
+
+// The number that the first `count` characters of a word write, which are digits.
+inline uint64_t number_of_digits(uint64_t word, int count)
+{
+    // In front of them come zeros; then pairs are joined, pairs of pairs, and both halves.
+    word = (word & eight_of(0x0f)) << 8 << (56 - 8 * count);
+    word = (word * 10) + (word >> 8);
+    constexpr uint64_t pairs = UINT64_C(0x000000ff000000ff);
+    return ((word & pairs) * (100 + (UINT64_C(1000000) << 32)) +
+            ((word >> 16) & pairs) * (1 + (UINT64_C(10000) << 32))) >>
+           32;
+}
 
 inline unsigned int digit_value(char c)
 {
@@ -94,19 +202,27 @@ inline unsigned int digit_value(char c)
 }
 
 // A number that is too large becomes the largest one, with the C library's errno for it.
-inline lexeme number_lexeme(const char *text)
+inline lexeme number_lexeme(const char *text, const char *end)
 {
     const char *at = text;
     unsigned int base = 10;
     int digits = digit;
+    uint64_t number = 0;
     if (at[0] == '0' && (at[1] == 'x' || at[1] == 'X')) {
         if (!is_class(at[2], hex_digit))
             return {CLPARSE_TOKEN_NUMBER, text, text + 1, text + 2, 0};
         at += 2;
         base = 16;
         digits = hex_digit;
+    } else {
+        // Fourteen digits can't overflow.
+        constexpr uint32_t powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+        for (int part = 0, count = 7; part < 2 && count == 7 && end - at >= 8; part++, at += count) {
+            const uint64_t word = load_word(at);
+            count = leading_digits(word);
+            number = number * powers[count] + number_of_digits(word, count);
+        }
     }
-    uint64_t number = 0;
     bool overflow = false;
     for (; is_class(*at, digits); at++) {
         overflow |= __builtin_mul_overflow(number, base, &number);
@@ -119,22 +235,32 @@ inline lexeme number_lexeme(const char *text)
     return {CLPARSE_TOKEN_NUMBER, text, at, at, number};
 }
 
+// Behind blanks. By branches, not by counting the blanks of a word: the lines of pretty text begin alike, and
+// what is foreseen is not waited for.
+inline const char *skip_blanks(const char *at, const char *end)
+{
+    while (is_class(*at, blank)) {
+        at++;
+        while (end - at >= 8 && load_word(at) == eight_of(' '))
+            at += 8;
+        if (end - at >= 4 && memcmp(at, "    ", 4) == 0)
+            at += 4;
+    }
+    return at;
+}
+
 // The next token at or behind `at`; a NUL ends the text at `end`. At the end the kind is 0. Quotes in front
 // of `lonely` are known to open no string: what was looked at in vain for one that does not end escapes them
 // all.
 inline lexeme next_lexeme(const char *at, const char *end, const char *lonely)
 {
-    while (is_class(*at, blank)) {
-        at++;
-        while (end - at >= 8 && load_word(at) == eight_spaces)
-            at += 8;
-    }
+    at = skip_blanks(at, end);
     if (is_class(*at, letter))
-        return word_lexeme(at);
+        return word_lexeme(at, end);
     if (*at == '"')
         return at < lonely ? lexeme{'"', at, at + 1, lonely, 0} : string_lexeme(at, end);
     if (is_class(*at, digit))
-        return number_lexeme(at);
+        return number_lexeme(at, end);
     if (at == end)
         return {CLPARSE_TOKEN_END, at, at, at, 0};
     // A NUL byte must not pass for the end of the text; flex looks behind one, too.

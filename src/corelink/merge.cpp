@@ -356,15 +356,10 @@ bool are_containers(const clparse_node *a, const clparse_node *b)
     return is_container(a) && is_container(b);
 }
 
-int clparse_insert_sorted(clparse_node *container, clparse_node *source)
+// Tells a merge that its insertions sort, which the merge does itself: it is compared, and never called.
+int clparse_insert_sorted(clparse_node *, clparse_node *)
 {
-    if (clparse_insert_new(container, source) != 0)
-        return -1;
-    clparse_node *copy = container->value.children->prev;
-    if (is_container(copy))
-        sort_children(copy);
-    sort_children(container);
-    return 0;
+    return -1;
 }
 
 // One merge of two containers with all that they hold. Functions return whether the merge goes on.

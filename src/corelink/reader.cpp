@@ -341,6 +341,9 @@ int yyparse(void *scanner, clparse_head *head)
         head->cursor->parent = &head->root;
     }
     const int result = parse_buffer(static_cast<token_scanner *>(scanner), head);
+    // When memory was short for the next cursor, this one is a node of the tree already.
+    if (head->cursor->next && head->cursor->next != head->cursor)
+        head->cursor = nullptr;
     if (own_cursor) {
         free_cursor(head->cursor);
         head->cursor = nullptr;

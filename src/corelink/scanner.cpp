@@ -43,31 +43,6 @@ char *allocate_text(size_t length)
     return static_cast<char *>(qv_memcheck_malloc(malloc, length + 1, "yylex", __LINE__));
 }
 
-// Only an escaped quote and an escaped backslash are undone; every other pair stays as it is written. Writes
-// what fits between `to` and `to_end`, which is all.
-void unescape(char *to, const char *to_end, const char *text, const char *end)
-{
-    while (text < end) {
-        if (end - text >= 8 && to_end - to >= 8) {
-            const uint64_t word = load_word(text);
-            const uint64_t backslashes = places_of(word, '\\');
-            const int plain = backslashes ? first_place(backslashes) : 8;
-            store_word(to, word);
-            to += plain;
-            text += plain;
-            if (!backslashes)
-                continue;
-        } else if (*text != '\\') {
-            *to++ = *text++;
-            continue;
-        }
-        text++; // in a string a backslash always has a successor
-        if (*text != '"' && *text != '\\')
-            *to++ = '\\';
-        *to++ = *text++;
-    }
-}
-
 // A tracked copy; null when memory is short.
 char *copy_word(const char *text, size_t length)
 {
@@ -86,7 +61,7 @@ char *copy_string(const char *text, size_t length, size_t escapes)
         return copy_word(text, length);
     char *copy = allocate_text(length - escapes);
     if (copy) {
-        unescape(copy, copy + (length - escapes), text, text + length);
+        unescape<text_block>(copy, copy + (length - escapes), text, text + length);
         copy[length - escapes] = '\0';
     }
     return copy;

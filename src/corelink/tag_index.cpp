@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <sys/auxv.h>
 
 #include "tree.h"
 
@@ -12,57 +11,6 @@ namespace
 {
 
 constexpr uint32_t none = UINT32_MAX;
-
-// SipHash-1-3 (Aumasson and Bernstein), seeded by the random bytes that the kernel gives each process.
-class tag_hash
-{
-  public:
-    uint32_t operator()(const char *text) const
-    {
-        size_t length = strlen(text);
-        uint64_t seed[2] = {0x0706050403020100, 0x0f0e0d0c0b0a0908};
-        if (const void *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)))
-            memcpy(seed, random, sizeof seed);
-        state s = {seed[0] ^ 0x736f6d6570736575, seed[1] ^ 0x646f72616e646f6d, seed[0] ^ 0x6c7967656e657261,
-                   seed[1] ^ 0x7465646279746573};
-        uint64_t tail = static_cast<uint64_t>(length) << 56;
-        for (; length >= 8; length -= 8, text += 8) {
-            uint64_t word;
-            memcpy(&word, text, 8);
-            s.absorb(word);
-        }
-        memcpy(&tail, text, length);
-        s.absorb(tail ^ (static_cast<uint64_t>(length) << 56));
-        s.v2 ^= 0xff;
-        for (int round = 0; round < 3; round++)
-            s.mix();
-        const uint64_t hash = s.v0 ^ s.v1 ^ s.v2 ^ s.v3;
-        return static_cast<uint32_t>(hash ^ (hash >> 32));
-    }
-
-  private:
-    struct state {
-        uint64_t v0, v1, v2, v3;
-
-        static uint64_t rotate(uint64_t x, int bits)
-        {
-            return (x << bits) | (x >> (64 - bits));
-        }
-        void mix()
-        {
-            v0 += v1, v1 = rotate(v1, 13), v1 ^= v0, v0 = rotate(v0, 32);
-            v2 += v3, v3 = rotate(v3, 16), v3 ^= v2;
-            v0 += v3, v3 = rotate(v3, 21), v3 ^= v0;
-            v2 += v1, v1 = rotate(v1, 17), v1 ^= v2, v2 = rotate(v2, 32);
-        }
-        void absorb(uint64_t word)
-        {
-            v3 ^= word;
-            mix();
-            v0 ^= word;
-        }
-    };
-};
 
 template <class T> bool resize(T *&array, size_t count)
 {
@@ -148,7 +96,7 @@ bool tag_index::add(clparse_node *child)
         return false;
     const uint32_t added = item_count_++;
     items_[added] = {child, none};
-    const uint32_t hash = tag_hash()(child->tag);
+    const uint32_t hash = hash_(child->tag);
     if (entry *same = find(child->tag, hash)) {
         items_[same->last].next = added;
         same->last = added;
@@ -163,19 +111,19 @@ bool tag_index::add(clparse_node *child)
 
 clparse_node *tag_index::first(const char *tag) const
 {
-    const entry *found = find(tag, tag_hash()(tag));
+    const entry *found = find(tag, hash_(tag));
     return found ? items_[found->first].node : nullptr;
 }
 
 clparse_node *tag_index::last(const char *tag) const
 {
-    const entry *found = find(tag, tag_hash()(tag));
+    const entry *found = find(tag, hash_(tag));
     return found ? items_[found->last].node : nullptr;
 }
 
 clparse_node *tag_index::first_container(const char *tag)
 {
-    entry *found = find(tag, tag_hash()(tag));
+    entry *found = find(tag, hash_(tag));
     if (!found)
         return nullptr;
     while (found->container != none && !is_container(items_[found->container].node))

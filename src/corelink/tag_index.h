@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <qvlib/corelink.h>
 
+#include "tag_hash.h"
+
 namespace qv
 {
 
@@ -60,6 +62,7 @@ class tag_index
     bool grow_slots();
     void place(uint32_t entry_index);
 
+    tag_hash hash_;
     item *items_ = nullptr;
     entry *entries_ = nullptr; // room for one entry per item
     slot *slots_ = nullptr;    // open addressing

@@ -74,7 +74,30 @@ class text_builder
         return true;
     }
     // As "%s" prints it.
-    bool append_text(const char *text);
+    bool append_text(const char *text)
+    {
+        return append_between("", text, "");
+    }
+    // The same between two others. What is short, as most tags are, is copied while its end is looked for,
+    // with one look at the room.
+    template <size_t Before, size_t After>
+    bool append_between(const char (&before)[Before], const char *text, const char (&after)[After])
+    {
+        constexpr size_t few = 16;
+        char *const to = room_for(few + Before + After);
+        if (!to)
+            return false;
+        memcpy(to, before, Before - 1);
+        for (size_t i = 0; text && i < few; i++) {
+            if (text[i] == '\0') {
+                memcpy(to + Before - 1 + i, after, After - 1);
+                length_ += Before - 1 + i + After - 1;
+                return true;
+            }
+            to[Before - 1 + i] = text[i];
+        }
+        return append(before) && append_long_text(text) && append(after);
+    }
     bool append_number(uint64_t number);
 
     // Takes the last character away, whatever it is.
@@ -110,6 +133,7 @@ class text_builder
     {
         return more < size_ - length_ || grow(more);
     }
+    bool append_long_text(const char *text);
     bool grow(size_t more);
     bool resize(size_t room);
     void discard();

