@@ -17,15 +17,16 @@
 
 #include <gtest/gtest.h>
 
+#include "machine.h"
 #include "reference/reference_reader.h"
 
 namespace
 {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int text_count = 100000;
+constexpr int text_count = scaled(100000);
 #else
-constexpr int text_count = 1000000;
+constexpr int text_count = scaled(1000000);
 #endif
 
 // ---- What the library does besides returning a tree
