@@ -184,7 +184,6 @@ int qvthread_setname(const char *fmt, ...)
     char name[thread_name_size] = "";
     va_list ap;
     va_start(ap, fmt);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start has begun it
     vsnprintf(name, sizeof name, fmt, ap);
     va_end(ap);
     return prctl(PR_SET_NAME, name);

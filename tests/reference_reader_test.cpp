@@ -24,7 +24,7 @@ namespace
 {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int text_count = 100000;
+constexpr int text_count = scaled(100000);
 #else
 constexpr int text_count = scaled(1000000);
 #endif

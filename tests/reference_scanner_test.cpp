@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include "log_lines.h"
+#include "machine.h"
 #include "reference/reference_reader.h"
 
 // What flex makes of tests/reference/corelink.l.
@@ -52,9 +53,9 @@ namespace
 {
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr unsigned int run_count = 20000;
+constexpr unsigned int run_count = scaled(20000u);
 #else
-constexpr unsigned int run_count = 100000;
+constexpr unsigned int run_count = scaled(100000u);
 #endif
 
 // ---- Streams

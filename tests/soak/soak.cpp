@@ -368,6 +368,7 @@ int main(int argc, char **argv)
         return 2;
     }
     const descriptor port_lock(lock_gui_port());
+    std::thread([] {}).join(); // a sanitizer may start one of its own with the first
     const long open_before = descriptors(), running_before = threads();
     const ports ports = {free_port(), free_port(), free_port()};
     const std::string console_service = std::to_string(ports.console);
