@@ -723,15 +723,16 @@ TEST(ClparseBuildPath, GivesTagsAndPositions)
 
 TEST(ClparseBuildPath, GivesPositionsOfAnyLength)
 {
-    std::string text = "a=[0";
+    std::string list_text = "a=[0";
     for (int i = 1; i <= 1000; i++)
-        text += ",0";
-    const head_ptr head = read((text + "]").c_str());
+        list_text += ",0";
+    const head_ptr head = read((list_text + "]").c_str());
     unsigned int position = 0;
     const clparse_node *list = clparse_get_head(head.get())->value.children->next->value.children;
     for (clparse_node *child = list->next; child != list; child = child->next, position++) {
-        if (position < 12 || position % 99 <= 1 || position == 1000)
+        if (position < 12 || position % 99 <= 1 || position == 1000) {
             EXPECT_EQ(take(clparse_build_path(child)), "a." + std::to_string(position));
+        }
     }
     EXPECT_EQ(position, 1001u);
 }
