@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <malloc.h>
 #include <memory>
 #include <pthread.h>
 #include <random>
@@ -458,6 +459,21 @@ TEST_F(MemdebugStop, IsNotDelayedByATerminalThatTakesNothing)
 }
 
 // The allocator of a thread that is inside the session for long.
+TEST_F(MemdebugStop, ReleasesTheSession)
+{
+    const size_t rounds = 16;
+    size_t in_use[2]; // the first rounds fill what the C library keeps of threads
+    for (size_t &after : in_use) {
+        for (size_t i = 0; i < rounds; i++) {
+            start();
+            release(block_of(12, "f"));
+            stop();
+        }
+        after = mallinfo2().uordblks;
+    }
+    EXPECT_LT(in_use[1], in_use[0] + rounds * 16);
+}
+
 std::atomic<int> inside; // 1 while the allocator waits, 2 lets it go on
 
 void *slow_malloc(size_t size)

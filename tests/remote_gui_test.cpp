@@ -698,6 +698,16 @@ TEST_F(RguiLocal, LivesOnWithoutAListenerWithoutAService)
     EXPECT_THAT(log.take(), ElementsAre(HasSubstr("qvsock_listen: getaddrinfo: ")));
 }
 
+TEST_F(RguiLocal, ListensOverIPv4Alone)
+{
+    log_lines log;
+    session_ = rgui_start_local("::1", std::to_string(port_).c_str(), nullptr, channel::send, &channel_);
+    ASSERT_NE(session_, nullptr);
+    EXPECT_TRUE(peers::eventually([] { return peers::threads_named("rgui-listen") == 0; }));
+    stop();
+    EXPECT_THAT(log.take(), ElementsAre(HasSubstr("qvsock_listen: getaddrinfo: ")));
+}
+
 TEST_F(RguiLocal, ListensOnAllAddressesWithoutANode)
 {
     session_ = rgui_start_local(nullptr, std::to_string(port_).c_str(), this, channel::send, &channel_);

@@ -54,6 +54,20 @@ TEST_F(TagIndex, IsEmptyAtFirst)
     EXPECT_EQ(index.first_container("a"), nullptr);
 }
 
+TEST_F(TagIndex, LeavesNothingAllocated)
+{
+    for (size_t i = 0; i < 300; i++)
+        make(numbered(i).c_str());
+    const failing_alloc::live_blocks live;
+    {
+        qv::tag_index another;
+        for (child &each : children)
+            ASSERT_TRUE(another.add(&each.node));
+        EXPECT_GT(live.count(), 0u);
+    }
+    EXPECT_EQ(live.count(), 0u);
+}
+
 TEST_F(TagIndex, KnowsTheFirstAndTheLastChildWithATag)
 {
     clparse_node *a = add("a"), *empty = add("");

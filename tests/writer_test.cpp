@@ -723,10 +723,10 @@ TEST(ClparseBuildPath, GivesTagsAndPositions)
 
 TEST(ClparseBuildPath, GivesPositionsOfAnyLength)
 {
-    std::string document = "a=[0";
+    std::string list_text = "a=[0";
     for (int i = 1; i <= 1000; i++)
-        document += ",0";
-    const head_ptr head = read((document + "]").c_str());
+        list_text += ",0";
+    const head_ptr head = read((list_text + "]").c_str());
     unsigned int position = 0;
     const clparse_node *list = clparse_get_head(head.get())->value.children->next->value.children;
     for (clparse_node *child = list->next; child != list; child = child->next, position++) {
