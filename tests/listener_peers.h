@@ -234,7 +234,7 @@ inline void fill_up(const client &peer)
 
 } // namespace peers
 
-extern "C" int __wrap_accept(int fd, sockaddr *address, socklen_t *size)
+extern "C" inline __attribute__((used)) int __wrap_accept(int fd, sockaddr *address, socklen_t *size)
 {
     if (peers::delay_us != 0)
         peers::sleep_us(peers::delay_us);
