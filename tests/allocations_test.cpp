@@ -32,7 +32,7 @@ namespace
 
 int reports; // of the memory debugger
 bool session_runs;
-bool stay_allowed, report_allowed;
+const char *stay_reason, *report_reason; // null while nothing may stay, or be reported
 
 // ---- What was called
 
@@ -109,32 +109,11 @@ size_t release_what_is_left()
     return left;
 }
 
-// Takes the library's messages away; a sanitizer's still come through.
-class quiet
-{
-  public:
-    quiet() : kept_(stderr)
-    {
-        static FILE *nowhere = fopen("/dev/null", "w");
-        setvbuf(nowhere, nullptr, _IONBF, 0);
-        stderr = nowhere;
-    }
-    ~quiet()
-    {
-        stderr = kept_;
-    }
-    quiet(const quiet &) = delete;
-    quiet &operator=(const quiet &) = delete;
-
-  private:
-    FILE *kept_;
-};
-
 outcome play(const scenario &played, bool with_session, failure injected, bool accounts = true)
 {
-    const quiet messages;
+    const allocations::silenced messages(stderr);
     reports = 0;
-    stay_allowed = report_allowed = false;
+    stay_reason = report_reason = nullptr;
     everywhere.made = {failing_heap::all_calls | failing_heap::other_calls, injected.nth - 1,
                        injected.for_good, 0, 0};
     everywhere.direct = 0;
@@ -191,6 +170,10 @@ class findings : public testing::Environment
     {
         lines() += line + "\n";
     }
+    static void add_stay(const char *why)
+    {
+        stays().insert(why);
+    }
     void SetUp() override
     {
         if (!getenv("QVLIB_ALLOCATIONS"))
@@ -208,11 +191,18 @@ class findings : public testing::Environment
         file << lines();
         for (const auto &[function, most] : called_functions())
             file << (most == 0 ? "silent " : "allocating ") << function << "\n";
+        for (const std::string &why : stays())
+            file << "stays " << why << "\n";
         for (const uintptr_t site : sites())
             file << "site " << std::hex << site << "\n";
     }
 
   private:
+    static std::set<std::string> &stays()
+    {
+        static std::set<std::string> reasons;
+        return reasons;
+    }
     static std::string &lines()
     {
         static std::string text;
@@ -253,9 +243,11 @@ std::vector<one_play> all_plays()
 // A report that follows a resize in vain is stated.
 void expect_what_is_stated(const outcome &run)
 {
-    EXPECT_TRUE(run.left == 0 || stay_allowed) << run.left << " blocks stay allocated";
-    EXPECT_TRUE(reports == 0 || report_allowed || (run.failed & failing_heap::realloc_calls))
+    EXPECT_TRUE(run.left == 0 || stay_reason) << run.left << " blocks stay allocated";
+    EXPECT_TRUE(reports == 0 || report_reason || (run.failed & failing_heap::realloc_calls))
         << reports << " reports of the memory debugger";
+    if (run.left > 0 && stay_reason)
+        findings::add_stay(stay_reason);
 }
 
 class EveryAllocation : public testing::TestWithParam<one_play>
@@ -400,14 +392,14 @@ bool tracked()
     return session_runs;
 }
 
-void may_stay(const char *)
+void may_stay(const char *why)
 {
-    stay_allowed = true;
+    stay_reason = why;
 }
 
-void may_report(const char *)
+void may_report(const char *why)
 {
-    report_allowed = true;
+    report_reason = why;
 }
 
 void release(char *text)

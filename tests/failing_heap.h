@@ -123,6 +123,9 @@ class after
     {
         current = {which, successes, for_good, 0, 0};
     }
+    after(long successes, bool for_good) : after(successes, all_calls, for_good)
+    {
+    }
     ~after()
     {
         current = {};
@@ -130,6 +133,7 @@ class after
     after(const after &) = delete;
     after &operator=(const after &) = delete;
 
+    // Whether a call has failed.
     bool failed() const
     {
         return current.failed != 0;

@@ -227,28 +227,9 @@ SCENARIO(name_thread)
 namespace
 {
 
-// What the lock checker prints is not for the terminal.
-class quiet_output
-{
-  public:
-    quiet_output() : kept_(stdout)
-    {
-        static FILE *nowhere = fopen("/dev/null", "w");
-        setvbuf(nowhere, nullptr, _IONBF, 0);
-        stdout = nowhere;
-    }
-    ~quiet_output()
-    {
-        stdout = kept_;
-    }
-
-  private:
-    FILE *kept_;
-};
-
 size_t add_lock(size_t line, int id)
 {
-    const quiet_output none;
+    const silenced output(stdout);
     return CALL(check_lock_add, "scenario.c", line, id, nullptr);
 }
 
@@ -268,7 +249,7 @@ SCENARIO(check_locks)
     }
     const size_t second = add_lock(0, count);
     EXPECT_TRUE(second == 2 || failed());
-    const quiet_output none;
+    const silenced output(stdout);
     CALL(check_lock_dump);
     for (int id = 0; id < count; id++)
         CALL(check_lock_remove, id);

@@ -72,6 +72,28 @@ void may_stay(const char *why);
 // From here on the memory debugger may report a block that it does not know, as the header says.
 void may_report(const char *why);
 
+// Takes away what is written to stdout or stderr while it lives; a sanitizer's messages still come through.
+class silenced
+{
+  public:
+    explicit silenced(FILE *&stream) : stream_(stream), kept_(stream)
+    {
+        static FILE *nowhere = fopen("/dev/null", "w");
+        setvbuf(nowhere, nullptr, _IONBF, 0);
+        stream_ = nowhere;
+    }
+    ~silenced()
+    {
+        stream_ = kept_;
+    }
+    silenced(const silenced &) = delete;
+    silenced &operator=(const silenced &) = delete;
+
+  private:
+    FILE *&stream_;
+    FILE *kept_;
+};
+
 // Releases a text of the library; NULL too.
 void release(char *text);
 
