@@ -179,14 +179,14 @@ class uncounted
 
 // ---- The whole process
 
-// A plan for all threads, and the blocks that were allocated while it was armed and are still alive.
+// A plan for all threads, and the blocks that were allocated since an account is kept and are still alive.
 struct process_plan {
     static constexpr size_t room = size_t{1} << 16;
 
     plan made;
-    long direct; // calls that were seen which the library made itself
-    int armed;   // scopes in which calls count
-    bool accounts;
+    long direct;       // calls that were seen which the library made itself
+    int armed;         // scopes in which calls count
+    bool accounts;     // whether an account is kept
     void (*on_call)(); // told of each call that counts, when set
     void *blocks[room];
     size_t live;
@@ -250,16 +250,17 @@ FAILING_HEAP_PLAIN inline bool strike(const void *block)
     }
 }
 
-// How one call goes: whether it fails, and whether its block is kept account of.
+// How one call goes.
 struct verdict {
     bool fails;
-    bool counts;
+    bool counts; // its block is entered into the account
 };
 
 FAILING_HEAP_PLAIN inline verdict judge(calls kind, const void *caller)
 {
     const bool armed = __atomic_load_n(&everywhere.armed, __ATOMIC_RELAXED) != 0;
-    if (paused != 0 || (current.which == 0 && !armed))
+    const bool accounts = __atomic_load_n(&everywhere.accounts, __ATOMIC_RELAXED);
+    if (paused != 0 || (current.which == 0 && !armed && !accounts))
         return {false, false};
     const caller_kind by = kind_of(caller);
     if (by == caller_kind::runtime)
@@ -267,7 +268,7 @@ FAILING_HEAP_PLAIN inline verdict judge(calls kind, const void *caller)
     if (fails_by(current, kind))
         return {true, false};
     if (!armed)
-        return {false, false};
+        return {false, accounts};
     if (everywhere.on_call) {
         const uncounted own;
         everywhere.on_call();

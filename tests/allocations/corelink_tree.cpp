@@ -208,7 +208,6 @@ SCENARIO(query_nodes)
 
 SCENARIO(update_tree)
 {
-    const std::string before = "\"s\":\"old\",\"n\":1,\"d\":{\"x\":\"y\"}";
     const tree target("s=\"old\",n=1,d={x=\"y\"}");
     const tree source("d={x=\"new\"},s=\"changed\",n=5");
     const int result = CALL(clparse_update, target, source);
@@ -314,7 +313,7 @@ int release_last(clparse_node *, void *)
     return 0;
 }
 
-// Replaces a node by a function node; false when memory is short.
+// Replaces a node by a function node.
 void make_function(const tree &head, const char *path, clparse_expand_fn expand, clparse_release_fn release)
 {
     EXPECT_EQ(make_function_node(head.node(path), expand, nullptr, release, nullptr), 0);
@@ -362,9 +361,8 @@ void expect_result(int result, char *const &text)
 // A text that could not grow is lost under a session, which knows its block no more.
 void lose_text()
 {
-    if (failed() && tracked()) {
+    if (failed() && tracked())
         may_stay("the text of a writer that failed");
-    }
 }
 
 // Long enough to grow a few times.
@@ -501,7 +499,6 @@ SCENARIO(get_path_of_function_node)
 SCENARIO(replace_nodes)
 {
     const tree head("d={a=1,b=2,c=3}");
-    const std::string before = head.json();
     const auto *made = CALL(make_struct_node, head.node("d.a"), "a");
     EXPECT_EQ(clparse_get_node_type(head.node("d.a")), made ? CLPARSE_TYPE_STRUCT : CLPARSE_TYPE_NUMBER);
     EXPECT_TRUE(made || failed());
