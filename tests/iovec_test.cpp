@@ -1,7 +1,7 @@
 // I/O vectors: results against the plain meaning of a vector, the concatenation of its entries.
 #include <qvlib/iovec.h>
 
-#include "failing_calloc.h"
+#include "failing_heap.h"
 
 #include <gtest/gtest.h>
 
@@ -412,7 +412,7 @@ TEST(FillIovecSubset, FailsWithoutEntriesOrAPlaceForTheResult)
 TEST(FillIovecSubset, FailsWhenItsArrayCannotBeAllocated)
 {
     const Vector vector({10, 10});
-    const failing_calloc::after now(0);
+    const failing_heap::after now(0);
     const subset nothing = cut(vector, 5, 10);
     EXPECT_EQ(nothing.result, -1);
     EXPECT_EQ(nothing.out, nullptr);

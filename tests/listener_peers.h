@@ -245,7 +245,7 @@ inline void fill_up(const client &peer)
 } // namespace peers
 
 #if !QVLIB_TEST_CALLS // where accept is a call as any other
-extern "C" int __wrap_accept(int fd, sockaddr *address, socklen_t *size)
+extern "C" inline __attribute__((used)) int __wrap_accept(int fd, sockaddr *address, socklen_t *size)
 {
     if (peers::delay_us != 0)
         peers::sleep_us(peers::delay_us);

@@ -13,7 +13,7 @@
 #include <qvlib/memcheck.h>
 
 #include "failing_calls.h"
-#include "failing_malloc.h"
+#include "failing_heap.h"
 #include "memdebug.h"
 
 extern "C" {
@@ -207,7 +207,7 @@ TEST_F(LockChecker, CountsNothingWhenMemoryIsShort)
     for (;; failures++) {
         size_t count;
         {
-            failing_alloc::after some(failures);
+            failing_heap::after some(failures);
             count = check_lock_add("a.c", 10, 1, nullptr);
         }
         if (count == 1)
@@ -223,7 +223,7 @@ TEST_F(LockChecker, CountsOnWithLongerChainsWhenATableCannotGrow)
     for (int id = 0; id < 64; id++)
         check_lock_add("a.c", static_cast<size_t>(id), id, nullptr);
     {
-        failing_alloc::after text(1); // then the array of sites: a.c:64 is the 65th site
+        failing_heap::after text(1); // then the array of sites: a.c:64 is the 65th site
         check_lock_add("a.c", 64, 64, nullptr);
     }
     const lines output = dump();
@@ -249,7 +249,7 @@ TEST_F(LockChecker, ReleasesItsTextTrackedUnderAMemoryDebugger)
 
 TEST_F(LockChecker, CannotStartWithoutMemory)
 {
-    failing_alloc::after none(0);
+    failing_heap::after none(0);
     EXPECT_EQ(check_lock_init(), ENOMEM);
     EXPECT_EQ(check_lock_add("a.c", 10, 1, nullptr), 0u);
 }

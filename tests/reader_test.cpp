@@ -15,7 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wrapped_heap.h"
+#include "failing_heap.h"
 #include "log_lines.h"
 #include "tracked_session.h"
 
@@ -505,7 +505,7 @@ TEST(ClparseStart, GivesNullWithoutMessageWhenTheHeadCannotBeAllocated)
     {
         const failing_heap::after failure(successes, all);
         head = clparse_start(text.c_str());
-        happened = failure.happened();
+        happened = failure.failed();
     }
     if (head) {
         const head_ptr expected = read(text), got(head);

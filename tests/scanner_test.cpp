@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wrapped_heap.h"
+#include "failing_heap.h"
 #include "log_lines.h"
 #include "tracked_session.h"
 
@@ -631,7 +631,7 @@ TEST_F(Scanner, SurvivesEveryFailingAllocationOverAStream)
                         describe(kind, token);
                     yylex_destroy(failing);
                 }
-                happened = failure.happened();
+                happened = failure.failed();
             }
             fclose(input);
             if (!happened)

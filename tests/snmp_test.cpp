@@ -7,7 +7,7 @@
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 
-#include "failing_malloc.h"
+#include "failing_heap.h"
 
 namespace
 {
@@ -193,7 +193,7 @@ TEST_F(SnmpTree, IsLeftAloneWhenMemoryForANewNodeIsShort)
             clparse_node *node = at("s.0");
             bool made = false;
             const std::string log = logged([&] {
-                failing_alloc::after some(failures);
+                failing_heap::after some(failures);
                 made = row.make(node);
             });
             if (made)
@@ -292,7 +292,7 @@ TEST_F(SnmpTree, KeepsTagAndValueWhenTheNewTagCannotBeHad)
     read("mabc=1");
     clparse_head *source = clparse_start("nabc=2");
     {
-        failing_alloc::after none(0);
+        failing_heap::after none(0);
         clparse_select_snmp(head, source);
     }
     EXPECT_EQ(written(), "mabc=1");
@@ -392,7 +392,7 @@ TEST_F(SnmpTree, AnswersNullWhenThePathCannotBeHad)
 {
     read("s={ma=1,mb=3}");
     clparse_node *node = at("s.ma");
-    failing_alloc::after none(0);
+    failing_heap::after none(0);
     EXPECT_EQ(build_path_next_leaf(node), nullptr);
 }
 

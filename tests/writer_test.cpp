@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "wrapped_heap.h"
+#include "failing_heap.h"
 #include "tracked_session.h"
 
 namespace
@@ -645,7 +645,7 @@ TEST(Writers, GiveTheTextOrNothingWhenAnAllocationFails)
             for (int successes = 0; happened; successes++) {
                 const failing_heap::after failure(successes, all);
                 const text got = writer(head);
-                happened = failure.happened();
+                happened = failure.failed();
                 if (!happened || got) {
                     EXPECT_EQ(got, expected);
                 }
