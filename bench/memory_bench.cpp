@@ -28,7 +28,7 @@ struct alignas(16) block_header {
     size_t size;
 };
 
-__attribute__((noipa)) void *count(block_header *header, size_t size)
+__attribute__((noinline)) void *count(block_header *header, size_t size)
 {
     if (!header)
         return nullptr;
