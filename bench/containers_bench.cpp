@@ -313,6 +313,67 @@ void sort_list(benchmark::State &state)
     report(state);
 }
 
+// A bottom-up merge sort over the same links: part i holds 2^i elements, as the bits of the number that were
+// taken.
+q_elem *merge_parts(q_elem *a, q_elem *b, int (*compare)(q_elem *, q_elem *))
+{
+    q_elem *first = nullptr, **end = &first;
+    while (a && b) {
+        q_elem *&taken = compare(a, b) >= 0 ? a : b;
+        *end = taken;
+        end = &taken->next;
+        taken = taken->next;
+    }
+    *end = a ? a : b;
+    return first;
+}
+
+void sort_bottom_up(q_elem *head, int (*compare)(q_elem *, q_elem *))
+{
+    q_elem *parts[32] = {};
+    head->prev->next = nullptr;
+    for (q_elem *next = head->next; next;) {
+        q_elem *part = next;
+        next = next->next;
+        part->next = nullptr;
+        size_t i = 0;
+        for (; parts[i]; i++) {
+            part = merge_parts(parts[i], part, compare);
+            parts[i] = nullptr;
+        }
+        parts[i] = part;
+    }
+    q_elem *all = nullptr;
+    for (q_elem *part : parts)
+        all = merge_parts(part, all, compare);
+    q_elem *last = head;
+    for (q_elem *elem = all; elem; elem = elem->next) {
+        last->next = elem;
+        elem->prev = last;
+        last = elem;
+    }
+    last->next = head;
+    head->prev = last;
+}
+
+void sort_list_bottom_up(benchmark::State &state)
+{
+    const key_sets keys(static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        state.PauseTiming();
+        linked_list list(keys.insertion);
+        state.ResumeTiming();
+        sort_bottom_up(&list.head, compare_elements);
+        state.PauseTiming();
+        for (q_elem *elem = list.head.next; elem->next != &list.head; elem = elem->next)
+            if (compare_elements(elem, elem->next) < 0)
+                fail("a list is not sorted");
+        list.clear();
+        state.ResumeTiming();
+    }
+    report(state);
+}
+
 void sort_std_list(benchmark::State &state)
 {
     const key_sets keys(static_cast<size_t>(state.range(0)));
@@ -331,6 +392,7 @@ void sort_std_list(benchmark::State &state)
 }
 
 BENCHMARK(sort_list)->Apply(sizes);
+BENCHMARK(sort_list_bottom_up)->Apply(sizes);
 BENCHMARK(sort_std_list)->Apply(sizes);
 
 // ---- Slots
@@ -412,6 +474,50 @@ void refer_slot_inline(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * slot_count);
 }
 
+// Additions to empty slots; taking the elements out again is not counted.
+template <q_elem *(*add)(q_queue *q, void *item, unsigned int key, void *arg)>
+void add_slots(benchmark::State &state)
+{
+    filled_queue filled;
+    for (auto _ : state) {
+        state.PauseTiming();
+        for (unsigned int i = 0; i < slot_count; i++) {
+            free(filled.q->slots[i]);
+            filled.q->slots[i] = nullptr;
+        }
+        state.ResumeTiming();
+        for (port &item : filled.ports)
+            benchmark::DoNotOptimize(add(filled.q, &item, item.key, nullptr));
+    }
+    state.SetItemsProcessed(state.iterations() * slot_count);
+}
+
+q_elem *add_inline(q_queue *q, void *item, unsigned int key, void *arg)
+{
+    if (q == nullptr)
+        return nullptr;
+    q_elem *&slot = q->slots[key % q->slot_count];
+    if (slot != nullptr || (q->filter_fn != nullptr && q->filter_fn(item, arg) != 0))
+        return nullptr;
+    auto *elem = static_cast<q_elem *>(calloc(1, sizeof(q_elem)));
+    if (elem == nullptr)
+        return nullptr;
+    elem->data = item;
+    return slot = elem;
+}
+
+void add_slot(benchmark::State &state)
+{
+    add_slots<q_add_queue>(state);
+}
+
+void add_slot_inline(benchmark::State &state)
+{
+    add_slots<add_inline>(state);
+}
+
+BENCHMARK(add_slot);
+BENCHMARK(add_slot_inline);
 BENCHMARK(refer_slot);
 BENCHMARK(refer_slot_inline);
 

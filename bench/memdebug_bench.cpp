@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <iterator>
 #include <string>
 #include <sys/mman.h>
@@ -157,5 +158,45 @@ BENCHMARK(WithSession)
     ->UseManualTime()
     ->Iterations(5)
     ->Unit(benchmark::kMillisecond);
+
+// Blocks that are made and freed while so many others live, beside the same with 1,000 others; per free,
+// where the session has more to look through.
+void FreeAmongLive(benchmark::State &state)
+{
+    constexpr size_t few = 1000, freed = 20000;
+    const auto many = static_cast<size_t>(state.range(0));
+    const int console = open("/dev/null", O_WRONLY);
+    if (console < 0 || qv_memcheck_start(nullptr, console, [](int) { give_up("a fault"); }) != 0)
+        give_up("qv_memcheck_start");
+    std::vector<void *> live, blocks(freed);
+    const auto fill_up_to = [&](size_t count) {
+        while (live.size() < count)
+            live.push_back(qv_memcheck_malloc(malloc, 72, "live", 1));
+        for (; live.size() > count; live.pop_back())
+            qv_memcheck_free(free, live.back(), "bench");
+    };
+    const auto free_among = [&](size_t count) {
+        fill_up_to(count);
+        for (void *&block : blocks)
+            block = qv_memcheck_malloc(malloc, 72, "freed", 1);
+        const double start = now();
+        for (void *block : blocks)
+            qv_memcheck_free(free, block, "bench");
+        return now() - start;
+    };
+    std::vector<double> ratios, times;
+    for (auto _ : state) {
+        const double among_few = free_among(few), among_many = free_among(many);
+        state.SetIterationTime(among_many);
+        ratios.push_back(among_many / among_few);
+        times.push_back(among_many);
+    }
+    fill_up_to(0);
+    qv_memcheck_stop();
+    close(console);
+    state.counters["ns_per_free"] = median(times) / freed * 1e9;
+    state.counters["ratio"] = median(ratios);
+}
+BENCHMARK(FreeAmongLive)->ArgName("live")->Arg(100000)->UseManualTime()->Iterations(3);
 
 } // namespace

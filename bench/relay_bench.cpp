@@ -418,7 +418,7 @@ void round_trip(benchmark::State &state)
     state.counters["ratio"] = total.median_ratio();
 }
 
-BENCHMARK(download)->UseManualTime()->Unit(benchmark::kMillisecond)->Arg(1)->Arg(16)->Arg(256)->Iterations(8);
-BENCHMARK(round_trip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20);
+BENCHMARK(download)->UseManualTime()->Unit(benchmark::kMillisecond)->Arg(1)->Arg(16)->Arg(256)->Iterations(4);
+BENCHMARK(round_trip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(10);
 
 } // namespace

@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 #include <qvlib.h>
 
+#include "limit_tree.h"
 #include "seeded.h"
 
 #if HAVE_CJSON
@@ -103,16 +104,6 @@ struct seeded {
     double nodes = 0; // of all texts together
 };
 
-double count_nodes(const clparse_node *node)
-{
-    double count = 1;
-    if (node->type == CLPARSE_TYPE_STRUCT || node->type == CLPARSE_TYPE_ARRAY)
-        for (const clparse_node *child = node->value.children->next; child != node->value.children;
-             child = child->next)
-            count += count_nodes(child);
-    return count;
-}
-
 clparse_head *parse(const std::string &text)
 {
     return clparse_start(text.c_str());
@@ -157,61 +148,6 @@ const seeded &document_named(const std::string &name)
 }
 
 // ---- The limit of reading and freeing
-
-char *copy_text(const char *text)
-{
-    if (!text)
-        return nullptr;
-    const size_t size = strlen(text) + 1;
-    return static_cast<char *>(memcpy(malloc(size), text, size));
-}
-
-clparse_node *new_node()
-{
-    auto *node = static_cast<clparse_node *>(malloc(sizeof(clparse_node)));
-    memset(node, 0, sizeof *node);
-    return node->next = node->prev = node;
-}
-
-clparse_node *copy_nodes(const clparse_node *source, clparse_node *parent)
-{
-    clparse_node *copy = new_node();
-    copy->parent = parent;
-    copy->type = source->type;
-    copy->tag = copy_text(source->tag);
-    if (source->type == CLPARSE_TYPE_STRING) {
-        copy->value.str = copy_text(source->value.str);
-    } else if (source->type == CLPARSE_TYPE_STRUCT || source->type == CLPARSE_TYPE_ARRAY) {
-        clparse_node *end = copy->value.children = new_node();
-        for (const clparse_node *child = source->value.children->next; child != source->value.children;
-             child = child->next) {
-            clparse_node *made = copy_nodes(child, copy);
-            made->next = end;
-            made->prev = end->prev;
-            end->prev->next = made;
-            end->prev = made;
-        }
-    } else {
-        copy->value.num = source->value.num;
-    }
-    return copy;
-}
-
-void free_nodes(clparse_node *node)
-{
-    if (node->type == CLPARSE_TYPE_STRING) {
-        free(node->value.str);
-    } else if (node->type == CLPARSE_TYPE_STRUCT || node->type == CLPARSE_TYPE_ARRAY) {
-        clparse_node *end = node->value.children;
-        for (clparse_node *child = end->next, *next; child != end; child = next) {
-            next = child->next;
-            free_nodes(child);
-        }
-        free(end);
-    }
-    free(node->tag);
-    free(node);
-}
 
 // The trees that the limit copies, made before anything is measured.
 std::vector<clparse_head *> limit_sources;
@@ -583,6 +519,23 @@ void run_merge(benchmark::State &state, double units, const std::string &target_
     report(state, units);
 }
 
+#if HAVE_JANSSON
+// As json_object_update_recursive, but the target gets copies of its own, as ours does.
+int update_by_copies(json_t *target, json_t *source)
+{
+    const char *key;
+    json_t *value;
+    json_object_foreach(source, key, value)
+    {
+        json_t *present = json_object_get(target, key);
+        const bool both = json_is_object(present) && json_is_object(value);
+        if (both ? update_by_copies(present, value) : json_object_set_new(target, key, json_deep_copy(value)))
+            return -1;
+    }
+    return 0;
+}
+#endif
+
 void run_merge(benchmark::State &state, const std::string &work, const std::string &name,
                const std::string &who)
 {
@@ -606,7 +559,7 @@ void run_merge(benchmark::State &state, const std::string &work, const std::stri
 #if HAVE_JANSSON
     else
         run_merge<json_t *>(state, units, target(true), source(true), read_jansson, free_jansson,
-                            json_object_update_recursive);
+                            update_by_copies);
 #endif
 }
 

@@ -84,6 +84,16 @@ class road
                                  static_cast<uint32_t>(body_.size())) != 0)
                 give_up("corelink_sendmsg");
     }
+    void send_and_receive_ours()
+    {
+        send_ours();
+        receive_ours();
+    }
+    void send_and_receive_bare()
+    {
+        send_bare();
+        receive_bare();
+    }
     void send_bare()
     {
         for (size_t i = 0; i < burst_; i++)
@@ -209,7 +219,13 @@ void receive(benchmark::State &state)
     measure(state, {&road::receive_ours, &road::receive_bare, &road::send_bare, nullptr});
 }
 
+void both_sides(benchmark::State &state)
+{
+    measure(state, {&road::send_and_receive_ours, &road::send_and_receive_bare, nullptr, nullptr});
+}
+
 BENCHMARK(send)->UseManualTime()->Arg(100)->Arg(4 << 10)->Arg(64 << 10)->Arg(1 << 20);
 BENCHMARK(receive)->UseManualTime()->Arg(100)->Arg(4 << 10)->Arg(64 << 10)->Arg(1 << 20);
+BENCHMARK(both_sides)->UseManualTime()->Arg(100)->Arg(4 << 10)->Arg(64 << 10)->Arg(1 << 20);
 
 } // namespace

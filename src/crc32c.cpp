@@ -58,7 +58,7 @@ uint32_t run(uint32_t state, const void *buf, size_t len)
     const auto *bytes = static_cast<const uint8_t *>(buf);
     [[maybe_unused]] const uint32_t features = qv::processor_features();
 #if defined(QV_CRC32C_WIDE_FOLDING)
-    if (features & qv::processor_wide_folding)
+    if (features & qv::processor_wide_folding && len >= qv::crc32c_wide_block)
         return qv::crc32c_by_wide_folding(state, bytes, len);
 #endif
 #if defined(QV_CRC32C_WORDS)

@@ -27,7 +27,8 @@ uint32_t crc32c_by_words(uint32_t state, const uint8_t *bytes, size_t length);
 #endif
 
 #if defined(QV_CRC32C_WIDE_FOLDING)
-// Needs processor_wide_folding.
+// Needs processor_wide_folding. Shorter data go by words.
+inline constexpr size_t crc32c_wide_block = 256;
 uint32_t crc32c_by_wide_folding(uint32_t state, const uint8_t *bytes, size_t length);
 #endif
 

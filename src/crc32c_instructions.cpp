@@ -163,6 +163,8 @@ WITH_WIDE_FOLDING inline uint64_t reduce(__m512i value)
 
 WITH_WORDS uint32_t qv::crc32c_by_words(uint32_t state, const uint8_t *bytes, size_t length)
 {
+    if (length < 3 * 64) // the shortest streams
+        return static_cast<uint32_t>(run_single(state, bytes, length));
     uint64_t wide = state;
     wide = run_streams<1344>(wide, bytes, length);
     wide = run_streams<336>(wide, bytes, length);
@@ -173,7 +175,7 @@ WITH_WORDS uint32_t qv::crc32c_by_words(uint32_t state, const uint8_t *bytes, si
 #if defined(QV_CRC32C_WIDE_FOLDING)
 WITH_WIDE_FOLDING uint32_t qv::crc32c_by_wide_folding(uint32_t state, const uint8_t *bytes, size_t length)
 {
-    constexpr size_t block = 256;
+    constexpr size_t block = crc32c_wide_block;
     if (length < block)
         return crc32c_by_words(state, bytes, length);
 

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <iterator>
 #include <netdb.h>
 #include <sys/stat.h>
@@ -48,24 +49,41 @@ FILE *console()
     return state.console ? state.console : stderr;
 }
 
+// "Mon DD HH:MM:SS". The time of day by hand: strftime takes a quarter of a line's time for it.
 size_t format_time(char *text, size_t size)
 {
     const qv::errno_guard unchanged; // the message may contain %m
     const time_t now = time(nullptr);
     struct tm utc = {};
     gmtime_r(&now, &utc);
-    return strftime(text, size, "%b %d %T", &utc);
+    constexpr size_t day_time = 8;
+    char *at = text + strftime(text, size - day_time, "%b %d ", &utc);
+    for (const int part : {utc.tm_hour, utc.tm_min, utc.tm_sec}) {
+        *at++ = static_cast<char>('0' + part / 10);
+        *at++ = static_cast<char>('0' + part % 10);
+        *at++ = ':';
+    }
+    return static_cast<size_t>(at - text) - 1;
+}
+
+// Writes "TIME LABEL: " and returns its length. By hand: printf would take a seventh of a line's time.
+size_t begin_line(char *line, int level)
+{
+    constexpr size_t most = 32; // of the time, as any locale writes it
+    constexpr size_t label_length = sizeof level_labels[0] - 1;
+    char *at = line + format_time(line, most);
+    *at++ = ' ';
+    at = static_cast<char *>(memcpy(at, log_level(level), label_length)) + label_length;
+    at = static_cast<char *>(memcpy(at, ": ", 2)) + 2;
+    return static_cast<size_t>(at - line);
 }
 
 // "TIME LABEL: message" CR LF; a serial console wants both.
 QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
 {
-    char when[32];
-    format_time(when, sizeof when);
-
     char line[1024];
-    const int start = snprintf(line, sizeof line, "%s %s: ", when, log_level(level));
-    const size_t room = sizeof line - static_cast<size_t>(start);
+    const size_t start = begin_line(line, level);
+    const size_t room = sizeof line - start;
     va_list copy;
     va_copy(copy, ap);
     const int length = vsnprintf(line + start, room, fmt, copy);
@@ -76,9 +94,9 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
     flockfile(stream);
     if (length >= 0 && static_cast<size_t>(length) + 2 < room) {
         memcpy(line + start + length, "\r\n", 2);
-        fwrite(line, 1, static_cast<size_t>(start + length) + 2, stream);
+        fwrite(line, 1, start + static_cast<size_t>(length) + 2, stream);
     } else {
-        fwrite(line, 1, static_cast<size_t>(start), stream);
+        fwrite(line, 1, start, stream);
         vfprintf(stream, fmt, ap);
         fputs("\r\n", stream);
     }

@@ -4,8 +4,6 @@
  */
 #include "processor.h"
 
-#include <atomic>
-
 #if defined(__x86_64__)
 #include <cpuid.h>
 #elif defined(__aarch64__)
@@ -17,8 +15,6 @@ namespace
 
 // Tells a processor without any feature from one that was not asked yet.
 constexpr uint32_t asked = 1u << 31;
-
-std::atomic<uint32_t> found;
 
 #if defined(__x86_64__)
 
@@ -80,12 +76,11 @@ uint32_t ask()
 
 } // namespace
 
-uint32_t qv::processor_features()
+std::atomic<uint32_t> qv::processor_answer;
+
+uint32_t qv::ask_processor()
 {
-    uint32_t features = found.load(std::memory_order_relaxed);
-    if (features == 0) {
-        features = ask() | asked;
-        found.store(features, std::memory_order_relaxed);
-    }
+    const uint32_t features = ask() | asked;
+    processor_answer.store(features, std::memory_order_relaxed);
     return features;
 }

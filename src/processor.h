@@ -2,6 +2,7 @@
 #ifndef QV_PROCESSOR_H
 #define QV_PROCESSOR_H
 
+#include <atomic>
 #include <cstdint>
 
 namespace qv
@@ -15,8 +16,18 @@ enum : uint32_t {
     processor_sha256 = 1u << 4,
 };
 
+// What ask_processor found; 0 before.
+extern std::atomic<uint32_t> processor_answer;
+
+// Asks the processor: it takes thousands of times as long as looking at the answer.
+uint32_t ask_processor();
+
 // Returns processor_ bits. The processor is asked at the first call only.
-uint32_t processor_features();
+inline uint32_t processor_features()
+{
+    const uint32_t features = processor_answer.load(std::memory_order_relaxed);
+    return features != 0 ? features : ask_processor();
+}
 
 } // namespace qv
 

@@ -140,4 +140,18 @@ TYPED_TEST(StringLexeme, IsUnescapedAsCharacterByCharacter)
     EXPECT_GT(closed, rounds / 10);
 }
 
+TYPED_TEST(StringLexeme, IsEscapedAsCharacterByCharacter)
+{
+    for (int i = 0; i < rounds; i++) {
+        const std::string text = random_text(80, random_below(2) ? "abcdefghijklmno\"" : "abc\"");
+        std::string expected;
+        for (const char c : text)
+            expected.append(c == '"' ? "\\" : "").append(1, c);
+        guarded_bytes bytes{std::string_view(text)};
+        guarded_bytes room(2 * text.size());
+        const char *end = qv::escape_quotes<TypeParam>(room.text(), bytes.text(), bytes.text() + text.size());
+        ASSERT_EQ(std::string(room.text(), static_cast<size_t>(end - room.text())), expected);
+    }
+}
+
 } // namespace

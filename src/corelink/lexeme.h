@@ -7,6 +7,7 @@
 #include <cstring>
 #include <qvlib/scanner.h>
 
+#include "escapes.h"
 #include "words.h"
 
 namespace qv
@@ -43,98 +44,6 @@ inline bool is_class(char c, int classes)
     return char_classes[static_cast<unsigned char>(c)] & classes;
 }
 
-// The end of a string's contents, and how many of its pairs stand for one character.
-struct contents_end {
-    const char *at; // the closing quote, or where it was found that there is none
-    bool closed;
-    uint64_t escapes;
-};
-
-// The same character by character, with what was found before.
-inline contents_end find_closing_quote_slowly(const char *at, const char *end, uint64_t escapes)
-{
-    for (; at < end && *at != '"'; at++) {
-        if (*at != '\\')
-            continue;
-        if (end - at < 2 || at[1] == '\n')
-            return {at + 1, false, 0};
-        at++;
-        escapes += *at == '"' || *at == '\\';
-    }
-    return {at, at < end, escapes};
-}
-
-template <class block> contents_end find_closing_quote(const char *at, const char *end)
-{
-    using places = typename block::places;
-    uint64_t escapes = 0;
-    while (end - at >= block::size) {
-        const block characters(at);
-        const places quotes = characters.places_of('"'), marks = quotes | characters.places_of('\\');
-        int step = block::size;
-        // By pairs: what follows a backslash means nothing by itself.
-        for (places left = marks; left != 0;) {
-            const places first = left & -left, second = first << block::bits_per_place;
-            const int place = first_place_in<block>(first);
-            if (quotes & first)
-                return {at + place, true, escapes};
-            if (place == block::size - 1) {
-                step = place;
-                break;
-            }
-            if (at[place + 1] == '\n')
-                return {at + place + 1, false, 0};
-            escapes += (marks & second) != 0;
-            left &= ~(first | second);
-        }
-        at += step;
-    }
-    return find_closing_quote_slowly(at, end, escapes);
-}
-
-// Undoes escaped quotes and backslashes in a string's contents; every other pair stays as it is written.
-// Writes what fits between `to` and `to_end`, which is all.
-inline void unescape_slowly(char *to, const char *text, const char *end)
-{
-    while (text < end) {
-        if (*text == '\\') {
-            text++; // in a string a backslash always has a successor
-            if (*text != '"' && *text != '\\')
-                *to++ = '\\';
-        }
-        *to++ = *text++;
-    }
-}
-
-template <class block> void unescape(char *to, const char *to_end, const char *text, const char *end)
-{
-    using places = typename block::places;
-    // Runs are copied by whole blocks, of which the last may reach as far behind the block that is looked at.
-    while (end - text >= 2 * block::size && to_end - to >= 2 * block::size) {
-        const block characters(text);
-        const places marks = characters.places_of('"') | characters.places_of('\\');
-        int from = 0, step = block::size;
-        for (places left = marks; left != 0;) {
-            const places first = left & -left, second = first << block::bits_per_place;
-            const int place = first_place_in<block>(first);
-            if (place == block::size - 1) {
-                step = place;
-                break;
-            }
-            if (marks & second) {
-                block(text + from).store(to);
-                to += place - from;
-                from = place + 1;
-            }
-            left &= ~(first | second);
-        }
-        block(text + from).store(to);
-        to += step - from;
-        text += step;
-    }
-    unescape_slowly(to, text, end);
-}
-
 // An opening quote without its closing one, or with a backslash at the end of a line before it, is a
 // character that means nothing.
 inline lexeme string_lexeme(const char *text, const char *end)
@@ -160,7 +69,7 @@ inline lexeme word_lexeme(const char *text, const char *end)
 {
     const char *at = text;
     bool boolean = false;
-    for (; end - at >= 8; at += 8) {
+    for (; by_words && end - at >= 8; at += 8) {
         const uint64_t word = load_word(at);
         const uint64_t behind = places_behind_word(word);
         if (behind == 0)
@@ -218,7 +127,8 @@ inline lexeme number_lexeme(const char *text, const char *end)
     } else {
         // Fourteen digits can't overflow.
         constexpr uint32_t powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
-        for (int part = 0, count = 7; part < 2 && count == 7 && end - at >= 8; part++, at += count) {
+        for (int part = 0, count = 7; by_words && part < 2 && count == 7 && end - at >= 8;
+             part++, at += count) {
             const uint64_t word = load_word(at);
             count = leading_digits(word);
             number = number * powers[count] + number_of_digits(word, count);
@@ -244,9 +154,9 @@ inline const char *skip_blanks(const char *at, const char *end)
     // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): a NUL ends what has been read
     while (is_class(*at, blank)) {
         at++;
-        while (end - at >= 8 && load_word(at) == eight_of(' '))
+        while (by_words && end - at >= 8 && load_word(at) == eight_of(' '))
             at += 8;
-        if (end - at >= 4 && memcmp(at, "    ", 4) == 0)
+        if (by_words && end - at >= 4 && memcmp(at, "    ", 4) == 0)
             at += 4;
     }
     return at;

@@ -36,7 +36,7 @@ namespace
 
 void free_record(clparse_node *record)
 {
-    qv_memcheck_free(qv_free, record, QV_WHERE);
+    qv_memcheck_free(free, record, QV_WHERE); // all that qv_free does: one call less for each block
 }
 
 // Frees an unlinked node that has no children any more.
@@ -221,7 +221,7 @@ int release_expansion(clparse_node *function, clparse_node *expansion)
 void free_text(char *text, const char *where)
 {
     if (text)
-        qv_memcheck_free(qv_free, text, where);
+        qv_memcheck_free(free, text, where);
 }
 
 } // namespace qv

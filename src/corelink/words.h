@@ -15,6 +15,13 @@
 namespace qv
 {
 
+// Firmware goes character by character: its processors have little to win here, and its code is small.
+#if defined(QVLIB_FIRMWARE)
+inline constexpr bool by_words = false;
+#else
+inline constexpr bool by_words = true;
+#endif
+
 inline constexpr uint64_t every_one = UINT64_C(0x0101010101010101);
 inline constexpr uint64_t every_place = every_one << 7;
 

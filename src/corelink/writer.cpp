@@ -14,9 +14,9 @@
 #include <qvlib/strings.h>
 
 #include "../where.h"
+#include "escapes.h"
 #include "text_builder.h"
 #include "tree.h"
-#include "words.h"
 
 using namespace qv;
 
@@ -38,41 +38,6 @@ unsigned int position_in(const clparse_node *container, const clparse_node *node
          child = next_child(container, child))
         position++;
     return position;
-}
-
-// Copies a text; each quote in it gets a backslash. There is room for nothing but quotes. Returns behind the
-// copy.
-template <class block> char *escape_quotes(char *to, const char *text, const char *end)
-{
-    // Runs are copied by whole blocks, of which the last may reach as far behind the block that is looked at.
-    for (; end - text >= 2 * block::size; text += block::size) {
-        int from = 0;
-        for (auto quotes = block(text).places_of('"'); quotes != 0; quotes &= quotes - 1) {
-            const int place = first_place_in<block>(quotes);
-            block(text + from).store(to);
-            to += place - from;
-            *to++ = '\\';
-            from = place;
-        }
-        block(text + from).store(to);
-        to += block::size - from;
-    }
-    while (text < end) {
-        const ptrdiff_t next = end - text < 8 ? end - text : 8;
-        if (const uint64_t word = next == 8 ? load_word(text) : 0; next == 8 && !places_of(word, '"')) {
-            store_word(to, word);
-            to += 8;
-            text += 8;
-            continue;
-        }
-        // Without a branch: quotes come where nothing can foresee them.
-        for (const char *stop = text + next; text < stop; text++) {
-            *to = '\\';
-            to += *text == '"';
-            *to++ = *text;
-        }
-    }
-    return to;
 }
 
 // Writes a value between quotes, escaped; by pieces, since each needs room for nothing but quotes.

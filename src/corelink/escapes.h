@@ -1,0 +1,139 @@
+// The escapes in quoted strings: finding the end of one, undoing and making them. A block is one of words.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "words.h"
+
+namespace qv
+{
+
+// The end of a string's contents, and how many of its pairs stand for one character.
+struct contents_end {
+    const char *at; // the closing quote, or where it was found that there is none
+    bool closed;
+    uint64_t escapes;
+};
+
+// The same character by character, with what was found before.
+inline contents_end find_closing_quote_slowly(const char *at, const char *end, uint64_t escapes)
+{
+    for (; at < end && *at != '"'; at++) {
+        if (*at != '\\')
+            continue;
+        if (end - at < 2 || at[1] == '\n')
+            return {at + 1, false, 0};
+        at++;
+        escapes += *at == '"' || *at == '\\';
+    }
+    return {at, at < end, escapes};
+}
+
+template <class block> contents_end find_closing_quote(const char *at, const char *end)
+{
+    using places = typename block::places;
+    uint64_t escapes = 0;
+    while (by_words && end - at >= block::size) {
+        const block characters(at);
+        const places quotes = characters.places_of('"'), marks = quotes | characters.places_of('\\');
+        int step = block::size;
+        // By pairs: what follows a backslash means nothing by itself.
+        for (places left = marks; left != 0;) {
+            const places first = left & -left, second = first << block::bits_per_place;
+            const int place = first_place_in<block>(first);
+            if (quotes & first)
+                return {at + place, true, escapes};
+            if (place == block::size - 1) {
+                step = place;
+                break;
+            }
+            if (at[place + 1] == '\n')
+                return {at + place + 1, false, 0};
+            escapes += (marks & second) != 0;
+            left &= ~(first | second);
+        }
+        at += step;
+    }
+    return find_closing_quote_slowly(at, end, escapes);
+}
+
+// Undoes escaped quotes and backslashes in a string's contents; every other pair stays as it is written.
+// Writes what fits between `to` and `to_end`, which is all.
+inline void unescape_slowly(char *to, const char *text, const char *end)
+{
+    while (text < end) {
+        if (*text == '\\') {
+            text++; // in a string a backslash always has a successor
+            if (*text != '"' && *text != '\\')
+                *to++ = '\\';
+        }
+        *to++ = *text++;
+    }
+}
+
+template <class block> void unescape(char *to, const char *to_end, const char *text, const char *end)
+{
+    using places = typename block::places;
+    // Runs are copied by whole blocks, of which the last may reach as far behind the block that is looked at.
+    while (by_words && end - text >= 2 * block::size && to_end - to >= 2 * block::size) {
+        const block characters(text);
+        const places marks = characters.places_of('"') | characters.places_of('\\');
+        int from = 0, step = block::size;
+        for (places left = marks; left != 0;) {
+            const places first = left & -left, second = first << block::bits_per_place;
+            const int place = first_place_in<block>(first);
+            if (place == block::size - 1) {
+                step = place;
+                break;
+            }
+            if (marks & second) {
+                block(text + from).store(to);
+                to += place - from;
+                from = place + 1;
+            }
+            left &= ~(first | second);
+        }
+        block(text + from).store(to);
+        to += step - from;
+        text += step;
+    }
+    unescape_slowly(to, text, end);
+}
+
+// Copies a text; each quote in it gets a backslash. There is room for nothing but quotes. Returns behind the
+// copy.
+template <class block> char *escape_quotes(char *to, const char *text, const char *end)
+{
+    // Runs are copied by whole blocks, of which the last may reach as far behind the block that is looked at.
+    for (; by_words && end - text >= 2 * block::size; text += block::size) {
+        int from = 0;
+        for (auto quotes = block(text).places_of('"'); quotes != 0; quotes &= quotes - 1) {
+            const int place = first_place_in<block>(quotes);
+            block(text + from).store(to);
+            to += place - from;
+            *to++ = '\\';
+            from = place;
+        }
+        block(text + from).store(to);
+        to += block::size - from;
+    }
+    while (text < end) {
+        const bool whole = by_words && end - text >= 8;
+        if (whole && !places_of(load_word(text), '"')) {
+            store_word(to, load_word(text));
+            to += 8;
+            text += 8;
+            continue;
+        }
+        // Without a branch: quotes come where nothing can foresee them.
+        for (const char *stop = whole ? text + 8 : end; text < stop; text++) {
+            *to = '\\';
+            to += *text == '"';
+            *to++ = *text;
+        }
+    }
+    return to;
+}
+
+} // namespace qv
