@@ -1282,6 +1282,39 @@ TEST_F(SearchingATree, SetsEfaultForABrokenSourceList)
     EXPECT_EQ(text(target), "\"a\":5,\"b\":2");
 }
 
+// What a function node of the source expands to, and a node of the target that goes when it is released.
+struct removal {
+    clparse_node *expansion, *victim;
+};
+
+clparse_node *give_expansion(clparse_node *, void *priv)
+{
+    return static_cast<removal *>(priv)->expansion;
+}
+
+int remove_victim(clparse_node *, void *priv)
+{
+    return clparse_remove_child(static_cast<removal *>(priv)->victim);
+}
+
+TEST_F(SearchingATree, FindsNoChildThatAReleasedFunctionRemoved)
+{
+    std::vector<clparse_node *> children;
+    for (size_t i = 0; i < 200; i++)
+        children.push_back(add(target, clparse_create_number_node(numbered("p", i).c_str(), 1)));
+    removal what = {clparse_create_number_node("x", 2), children[150]};
+    add(source, clparse_create_function_node("x", give_expansion, nullptr, remove_victim, &what));
+    add(source, clparse_create_number_node("p150", 5));
+    EXPECT_EQ(clparse_insert(target, source), 0);
+    EXPECT_EQ(what.victim->value.num, 1u);
+    const clparse_node *last = target->root.value.children->prev;
+    EXPECT_STREQ(last->tag, "p150");
+    EXPECT_EQ(last->value.num, 5u);
+    EXPECT_STREQ(last->prev->tag, "x");
+    clparse_delete_node(what.expansion);
+    clparse_delete_node(what.victim);
+}
+
 TEST_F(SearchingATree, SetsEfaultForABrokenWideTargetList)
 {
     for (int i = 0; i < 200; i++)
