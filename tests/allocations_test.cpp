@@ -112,6 +112,7 @@ size_t release_what_is_left()
 outcome play(const scenario &played, bool with_session, failure injected, bool accounts = true)
 {
     const allocations::silenced messages(stderr);
+    failing_heap::takes_part = true;
     reports = 0;
     stay_reason = report_reason = nullptr;
     everywhere.made = {failing_heap::all_calls | failing_heap::other_calls, injected.nth - 1,
@@ -425,15 +426,43 @@ std::vector<scenario> &all_scenarios()
 
 } // namespace allocations
 
+namespace
+{
+
+struct thread_start {
+    void *(*body)(void *);
+    void *argument;
+};
+
+// What a sanitizer allocates around the thread's body is its own.
+void *take_part(void *start)
+{
+    const thread_start made = *static_cast<thread_start *>(start);
+    delete static_cast<thread_start *>(start);
+    failing_heap::takes_part = true;
+    void *result = made.body(made.argument);
+    failing_heap::takes_part = false;
+    return result;
+}
+
+} // namespace
+
 // A thread needs memory too. What starting it allocates is its own.
 extern "C" __attribute__((noinline)) int pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
                                                         void *(*body)(void *), void *argument) noexcept
 {
     static int (*next)(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
+    failing_heap::next_of("pthread_create", next);
+    if (!failing_heap::takes_part)
+        return next(thread, attributes, body, argument);
     if (failing_heap::judge(failing_heap::other_calls, __builtin_return_address(0)).fails)
         return EAGAIN;
     const failing_heap::uncounted own;
-    return failing_heap::next_of("pthread_create", next)(thread, attributes, body, argument);
+    auto *start = new thread_start{body, argument};
+    const int error = next(thread, attributes, take_part, start);
+    if (error != 0)
+        delete start;
+    return error;
 }
 
 // The host's system log stays as it is.

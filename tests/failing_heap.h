@@ -93,8 +93,9 @@ struct plan {
 };
 
 inline thread_local constinit plan current = {};
-inline thread_local constinit int paused = 0;        // calls of this thread neither count nor fail
-inline thread_local constinit long counted_here = 0; // by the plan for all threads, of this one
+inline thread_local constinit int paused = 0;          // calls of this thread neither count nor fail
+inline thread_local constinit bool takes_part = false; // in the plan for all threads, and its account
+inline thread_local constinit long counted_here = 0;   // by the plan for all threads, of this one
 
 FAILING_HEAP_PLAIN inline bool fails_by(plan &made, calls kind)
 {
@@ -179,7 +180,8 @@ class uncounted
 
 // ---- The whole process
 
-// A plan for all threads, and the blocks that were allocated since an account is kept and are still alive.
+// A plan for all threads that take part, and the blocks that were allocated since an account is kept and are
+// still alive.
 struct process_plan {
     static constexpr size_t room = size_t{1} << 16;
 
@@ -258,8 +260,8 @@ struct verdict {
 
 FAILING_HEAP_PLAIN inline verdict judge(calls kind, const void *caller)
 {
-    const bool armed = __atomic_load_n(&everywhere.armed, __ATOMIC_RELAXED) != 0;
-    const bool accounts = __atomic_load_n(&everywhere.accounts, __ATOMIC_RELAXED);
+    const bool armed = takes_part && __atomic_load_n(&everywhere.armed, __ATOMIC_RELAXED) != 0;
+    const bool accounts = takes_part && __atomic_load_n(&everywhere.accounts, __ATOMIC_RELAXED);
     if (paused != 0 || (current.which == 0 && !armed && !accounts))
         return {false, false};
     const caller_kind by = kind_of(caller);
