@@ -1,35 +1,29 @@
-// Lets the library see a processor with fewer instruction sets than this one's. The test is linked with
-// -Wl,--wrap=_ZN2qv18processor_featuresEv.
+// Lets the library see a processor with fewer instruction sets than this one's.
 #ifndef QVLIB_TESTS_FEWER_INSTRUCTIONS_H
 #define QVLIB_TESTS_FEWER_INSTRUCTIONS_H
 
 #include <cstdint>
 
-inline uint32_t visible_features = UINT32_MAX;
+#include "processor.h"
 
 // While it lives, the library sees of the processor's features only these (processor_ bits).
 class fewer_instructions
 {
   public:
-    explicit fewer_instructions(uint32_t visible)
+    explicit fewer_instructions(uint32_t visible) : answer_(qv::processor_features())
     {
-        visible_features = visible;
+        constexpr uint32_t all = 2 * qv::processor_sha256 - 1;
+        qv::processor_answer = answer_ & (visible | ~all);
     }
     ~fewer_instructions()
     {
-        visible_features = UINT32_MAX;
+        qv::processor_answer = answer_;
     }
     fewer_instructions(const fewer_instructions &) = delete;
     fewer_instructions &operator=(const fewer_instructions &) = delete;
-};
 
-extern "C" {
-uint32_t __real__ZN2qv18processor_featuresEv();
-uint32_t __wrap__ZN2qv18processor_featuresEv();
-uint32_t __wrap__ZN2qv18processor_featuresEv()
-{
-    return __real__ZN2qv18processor_featuresEv() & visible_features;
-}
-}
+  private:
+    const uint32_t answer_;
+};
 
 #endif
