@@ -21,6 +21,7 @@
 #include <qvlib/telnet_log.h>
 
 #include "guard.h"
+#include "memdebug.h"
 #include "telnet_log.h"
 #include "where.h"
 
@@ -157,7 +158,7 @@ QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
 QV_PRINTF(3, 0) void qv_verrno(const char *errtext, int errnum, const char *fmt, va_list ap)
 {
     char *text = nullptr;
-    if (__qv_vasprintf(&text, "qv_verrno", 262, fmt, ap) < 0)
+    if (__qv_vasprintf(&text, qv::log_text_owner, 262, fmt, ap) < 0)
         return;
     qv::tracked_guard guard(text, QV_WHERE);
     __qv_log(QV_LOG_ERROR, "%s: %s (%d)", text, errtext, errnum);

@@ -533,11 +533,11 @@ int count_allocation(memdebug_session *session, int change)
 
 // ---- Blocks
 
-// Logging allocates its text under this name. A failure of that is not logged, or the log would call itself
-// until the stack ends.
+// Whether a block is to be the text of a logged error. A failure of that is not logged, or the log would call
+// itself until the stack ends.
 bool is_log_text(const char *func)
 {
-    return func && strcmp(func, "qv_verrno") == 0;
+    return func == log_text_owner;
 }
 
 void log_no_record(const char *wrapper, const char *func, size_t size)
@@ -582,15 +582,14 @@ void write_markers(alloc_record *record)
 // Sizes that are a power of two, and 0, carry no markers: daemons hand such blocks to page-aligned consumers.
 // Nor does a log's text: threads log while the session is stopped, and then release as it stands what they
 // got.
-bool carries_markers(const alloc_record *record)
+bool carries_markers(size_t size, const char *func)
 {
-    const bool power_of_two = (record->size & (record->size - 1)) == 0;
-    return !power_of_two && !(record->owner && is_log_text(record->owner->name));
+    return (size & (size - 1)) != 0 && !is_log_text(func);
 }
 
-bool allocate_block(alloc_record *record, void *(*allocator)(size_t))
+bool allocate_block(alloc_record *record, void *(*allocator)(size_t), const char *func)
 {
-    if (!carries_markers(record)) {
+    if (!carries_markers(record->size, func)) {
         record->block = record->user = allocator(record->size);
         return record->block != nullptr;
     }
@@ -884,7 +883,7 @@ __attribute__((noinline)) void *malloc_tracked(void *(*allocator)(size_t), size_
         return nullptr;
     }
     record->line = line;
-    if (!allocate_block(record, allocator)) {
+    if (!allocate_block(record, allocator, func)) {
         const int error = errno;
         free_record(record);
         errno = error;

@@ -120,6 +120,10 @@ class table_guard
     memdebug_session *session_;
 };
 
+// The name that the text of a logged error is recorded under. By where it stands such a block is told from a
+// caller's whose function has the same name.
+inline constexpr char log_text_owner[] = "qv_verrno";
+
 // The running session, or null when there is none or it is disabled; it may be closed at any time.
 memdebug_session *running_session();
 

@@ -13,9 +13,11 @@ def source_of(pattern):
     return "".join(open(path).read() for path in sorted(glob.glob(os.path.join(directory, pattern))))
 
 
-tests = set(re.findall(r"^TEST(?:_F)?\((\w+), (\w+)\)", source_of("*_test.cpp"), re.MULTILINE))
+tests = set(re.findall(r"^TEST(?:_[FP])?\((\w+), (\w+)\)", source_of("*_test.cpp"), re.MULTILINE))
+# SCENARIO(name) makes a function play_name().
+scenarios = source_of("allocations/*.cpp").replace("SCENARIO(", "play_").replace(")\n{", "()\n{")
 sources = {
-    "leaks.supp": source_of("*_test.cpp"),
+    "leaks.supp": source_of("*_test.cpp") + scenarios,
     "tool_leaks.supp": source_of("../tools/*.cpp") + source_of("../src/*.cpp") + source_of("../src/corelink/*.cpp"),
 }
 for suppressions, source in sources.items():

@@ -336,7 +336,7 @@ TEST_F(MemdebugStop, LeavesTheTextOfAThreadThatLogsMeanwhile)
 {
     start();
     char *text = nullptr;
-    EXPECT_EQ(__qv_asprintf(&text, "qv_verrno", 262, "%s", "a text of the log"), 17);
+    EXPECT_EQ(__qv_asprintf(&text, qv::log_text_owner, 262, "%s", "a text of the log"), 17);
     stop();
     EXPECT_STREQ(text, "a text of the log");
     EXPECT_EQ(qv_memcheck_free(qv_free, text, "log"), 0);

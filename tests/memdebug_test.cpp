@@ -376,6 +376,16 @@ TEST_F(TrackedMalloc, PutsNoMarkersAroundPowersOfTwoAndZero)
     }
 }
 
+// Only the log's own texts are without: it is no matter of the name.
+TEST_F(TrackedMalloc, PutsMarkersAroundABlockOfAFunctionCalledLikeTheLogs)
+{
+    const std::string name = "qv_verrno";
+    void *user = qv_memcheck_malloc(noting_malloc, 12, name.c_str(), 1);
+    EXPECT_EQ(user, bytes_of(given) + 4);
+    EXPECT_TRUE(is_marker(given));
+    release(user);
+}
+
 TEST_F(TrackedMalloc, LetsAnOverrunChangeTheTrailingMarker)
 {
     auto *user = static_cast<unsigned char *>(block_of(12));
