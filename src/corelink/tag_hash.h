@@ -25,14 +25,15 @@ class tag_hash
         size_t length = strlen(text);
         state s = {seed_[0] ^ 0x736f6d6570736575, seed_[1] ^ 0x646f72616e646f6d,
                    seed_[0] ^ 0x6c7967656e657261, seed_[1] ^ 0x7465646279746573};
-        uint64_t tail = static_cast<uint64_t>(length) << 56;
+        const uint64_t whole_length = static_cast<uint64_t>(length) << 56;
         for (; length >= 8; length -= 8, text += 8) {
             uint64_t word;
             memcpy(&word, text, 8);
             s.absorb(word);
         }
+        uint64_t tail = 0;
         memcpy(&tail, text, length);
-        s.absorb(tail ^ (static_cast<uint64_t>(length) << 56));
+        s.absorb(tail ^ whole_length);
         s.v2 ^= 0xff;
         for (int round = 0; round < 3; round++)
             s.mix();
