@@ -103,7 +103,7 @@ bool is_same(const json_t *json, const value &node)
     }
 }
 
-int flags_for(const value &root)
+size_t flags_for(const value &root)
 {
     return has_great_number(root) ? JSON_DECODE_INT_AS_REAL : 0;
 }

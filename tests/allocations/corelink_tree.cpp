@@ -174,7 +174,8 @@ SCENARIO(query_values)
         EXPECT_TRUE(failed());
         EXPECT_EQ(boolean, 7);
     }
-    char *string = &string[0];
+    char untouched = 0;
+    char *string = &untouched;
     if (CALL(clparse_get_string, head, &string, "port.1.name") != 0) {
         EXPECT_EQ(string, nullptr);
     }

@@ -61,7 +61,7 @@ SCENARIO(allocate_blocks)
 // session knows nothing any more, and it is lost to the caller.
 SCENARIO(resize_blocks)
 {
-    for (const size_t size : {12, 16}) {
+    for (const size_t size : {12u, 16u}) {
         auto *block = static_cast<char *>(qv_memcheck_malloc(malloc, size, "scenario", 1));
         strcpy(block, "content");
         auto *resized = static_cast<char *>(CALL(qv_memcheck_realloc, block, 1000, "other", 2));

@@ -275,7 +275,8 @@ int give(rgui_session *session, uint8_t opcode, uint16_t id, const char *payload
     memcpy(bytes, &header, sizeof header);
     memcpy(bytes + sizeof header, payload, header.size);
     const void *pdu = bytes;
-    return CALL(rgui_data_rx, session, static_cast<const rgui_pdu *>(pdu), sizeof header + header.size);
+    const size_t length = sizeof header + header.size;
+    return CALL(rgui_data_rx, session, static_cast<const rgui_pdu *>(pdu), length);
 }
 
 } // namespace
