@@ -27,7 +27,7 @@ inline bool for_good = false;                         // all calls after the one
 inline bool failed = false;                           // whether the failure has come
 inline std::unordered_set<void *> *account = nullptr; // live blocks, while an account is open
 inline void (*on_calloc)() = nullptr;                 // called before every calloc, when set
-inline void *last_calloc = nullptr;                   // what calloc returned last
+inline thread_local void *last_calloc = nullptr;      // what calloc returned last
 
 inline bool fails_now()
 {

@@ -1087,7 +1087,7 @@ TEST(Merges, KeepWhatWasChangedBeforeAnAllocationFailedInWideTrees)
     for (unsigned seed = 1000; seed < 1003 && !HasFailure(); seed++)
         for (merge_kind kind : all_merges)
             fail_each_allocation(seed, kind,
-                                 {.most_children = running_emulated() ? size_t{15} : size_t{45}, .depth = 1});
+                                 {.most_children = scaled(100) < 100 ? size_t{15} : size_t{45}, .depth = 1});
 }
 
 // ---- Directed
