@@ -11,6 +11,7 @@
 #include "base64.h"
 #include "crc32c.h"
 #include "digest.h"
+#include "processor.h"
 
 #include <benchmark/benchmark.h>
 
@@ -233,7 +234,16 @@ void base64_encode_ours(benchmark::State &state)
 void base64_encode_loops(benchmark::State &state)
 {
     measure_base64_encode(state, [](const bytes &data, char *text) {
-        return qv::base64_encode_by(false, data.data(), text, data.size(), 0);
+        return qv::base64_encode_by(0, data.data(), text, data.size(), 0);
+    });
+}
+
+// By registers of 32 characters at most.
+void base64_encode_32(benchmark::State &state)
+{
+    measure_base64_encode(state, [](const bytes &data, char *text) {
+        const uint32_t features = qv::processor_features() & ~uint32_t{qv::processor_shuffle_64};
+        return qv::base64_encode_by(features, data.data(), text, data.size(), 0);
     });
 }
 
@@ -247,7 +257,16 @@ void base64_decode_ours(benchmark::State &state)
 void base64_decode_loops(benchmark::State &state)
 {
     measure_base64_decode(state, [](const std::string &text, uint8_t *out) {
-        return qv::base64_decode_by(false, text.data(), out, text.size());
+        return qv::base64_decode_by(0, text.data(), out, text.size());
+    });
+}
+
+// By registers of 32 characters at most.
+void base64_decode_32(benchmark::State &state)
+{
+    measure_base64_decode(state, [](const std::string &text, uint8_t *out) {
+        const uint32_t features = qv::processor_features() & ~uint32_t{qv::processor_shuffle_64};
+        return qv::base64_decode_by(features, text.data(), out, text.size());
     });
 }
 
@@ -362,11 +381,13 @@ BENCHMARK(sha256_loops)->Apply(digest_sizes);
 BENCHMARK(base64_encode_openssl)->Apply(text_sizes);
 #endif
 BENCHMARK(base64_encode_ours)->Apply(text_sizes);
+BENCHMARK(base64_encode_32)->Apply(text_sizes);
 BENCHMARK(base64_encode_loops)->Apply(text_sizes);
 #if HAVE_OPENSSL
 BENCHMARK(base64_decode_openssl)->Apply(text_sizes);
 #endif
 BENCHMARK(base64_decode_ours)->Apply(text_sizes);
+BENCHMARK(base64_decode_32)->Apply(text_sizes);
 BENCHMARK(base64_decode_loops)->Apply(text_sizes);
 #if HAVE_OPENSSL
 BENCHMARK(hex_encode_openssl)->Apply(text_sizes);

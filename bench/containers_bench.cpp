@@ -17,6 +17,8 @@
 #include <qvlib/queue.h>
 #include <qvlib/tree.h>
 
+#include "queue_limit.h"
+
 #if HAVE_BSD_TREE
 #include <bsd/sys/tree.h>
 #endif
@@ -444,6 +446,15 @@ void refer_slot(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * slot_count);
 }
 
+void refer_slot_limit(benchmark::State &state)
+{
+    filled_queue filled;
+    for (auto _ : state)
+        for (unsigned int key : filled.keys)
+            benchmark::DoNotOptimize(queue_limit(filled.q, key));
+    state.SetItemsProcessed(state.iterations() * slot_count);
+}
+
 // The same steps in the caller, through the same callback: it could not be inlined there either.
 inline void *find_inline(q_queue *q, unsigned int key, unsigned int flags)
 {
@@ -519,6 +530,7 @@ void add_slot_inline(benchmark::State &state)
 BENCHMARK(add_slot);
 BENCHMARK(add_slot_inline);
 BENCHMARK(refer_slot);
+BENCHMARK(refer_slot_limit);
 BENCHMARK(refer_slot_inline);
 
 } // namespace

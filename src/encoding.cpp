@@ -115,11 +115,21 @@ void encode_group(uint32_t bits, char *out)
 }
 
 // Encodes whole groups; `readable` counts the bytes of input from `in` on, of which the groups are the first.
-char *encode_groups([[maybe_unused]] bool shuffles, const uint8_t *in, [[maybe_unused]] size_t readable,
+char *encode_groups([[maybe_unused]] uint32_t features, const uint8_t *in, [[maybe_unused]] size_t readable,
                     size_t groups, char *out)
 {
+#if defined(QV_BASE64_WIDE_SHUFFLES)
+    const size_t wide =
+        features & qv::processor_shuffle_64   ? 16 * qv::base64_encode_by_64(in, 3 * groups, out)
+        : features & qv::processor_shuffle_32 ? 8 * qv::base64_encode_by_32(in, 3 * groups, out)
+                                              : 0;
+    in += 3 * wide;
+    readable -= 3 * wide;
+    out += 4 * wide;
+    groups -= wide;
+#endif
 #if defined(QV_BASE64_SHUFFLES)
-    const size_t blocks = shuffles ? groups / 4 : 0;
+    const size_t blocks = features & qv::processor_shuffle ? groups / 4 : 0;
     if (blocks != 0)
         qv::base64_encode_shuffled(in, readable, blocks, out);
     in += 12 * blocks;
@@ -152,10 +162,21 @@ char *encode_rest(const uint8_t *in, size_t len, char *out)
 }
 
 // Decodes the groups in front of the first pad or foreign character, moving both places on.
-void decode_groups([[maybe_unused]] bool shuffles, const char *&in, const char *in_end, uint8_t *&out)
+void decode_groups([[maybe_unused]] uint32_t features, const char *&in, const char *in_end, uint8_t *&out)
 {
+#if defined(QV_BASE64_WIDE_SHUFFLES)
+    if (features & qv::processor_shuffle_64 && in_end - in >= 64) {
+        const size_t blocks = qv::base64_decode_by_64(in, static_cast<size_t>(in_end - in), out);
+        in += 64 * blocks;
+        out += 48 * blocks;
+    } else if (features & qv::processor_shuffle_32 && in_end - in >= 32) {
+        const size_t blocks = qv::base64_decode_by_32(in, static_cast<size_t>(in_end - in), out);
+        in += 32 * blocks;
+        out += 24 * blocks;
+    }
+#endif
 #if defined(QV_BASE64_SHUFFLES)
-    if (shuffles && in_end - in >= 16) {
+    if (features & qv::processor_shuffle && in_end - in >= 16) {
         const size_t blocks = qv::base64_decode_shuffled(in, static_cast<size_t>(in_end - in), out);
         in += 16 * blocks;
         out += 12 * blocks;
@@ -271,7 +292,7 @@ int qv::base64_length(size_t len, int wrap)
     return symbols + line_feeds > INT_MAX ? 0 : static_cast<int>(symbols + line_feeds);
 }
 
-int qv::base64_encode_by(bool shuffles, const uint8_t *in, char *out, size_t len, int wrap)
+int qv::base64_encode_by(uint32_t features, const uint8_t *in, char *out, size_t len, int wrap)
 {
     constexpr size_t groups_per_line = 16;
     const size_t groups = len / 3, rest = len % 3;
@@ -280,11 +301,11 @@ int qv::base64_encode_by(bool shuffles, const uint8_t *in, char *out, size_t len
 
     char *end = out;
     if (wrap == 0) {
-        end = encode_groups(shuffles, in, len, groups, end);
+        end = encode_groups(features, in, len, groups, end);
     } else {
         for (size_t done = 0; done < groups;) {
             const size_t piece = std::min(groups - done, groups_per_line);
-            end = encode_groups(shuffles, in + 3 * done, len - 3 * done, piece, end);
+            end = encode_groups(features, in + 3 * done, len - 3 * done, piece, end);
             done += piece;
             if (piece == groups_per_line)
                 *end++ = '\n';
@@ -300,10 +321,10 @@ int qv::base64_encode_by(bool shuffles, const uint8_t *in, char *out, size_t len
 
 int base64_encode(const uint8_t *in, char *out, size_t len, int wrap)
 {
-    return qv::base64_encode_by(qv::processor_features() & qv::processor_shuffle, in, out, len, wrap);
+    return qv::base64_encode_by(qv::processor_features(), in, out, len, wrap);
 }
 
-int qv::base64_decode_by(bool shuffles, const char *in, uint8_t *out, size_t len)
+int qv::base64_decode_by(uint32_t features, const char *in, uint8_t *out, size_t len)
 {
     if (in == nullptr || out == nullptr || len > INT_MAX)
         return 0;
@@ -313,7 +334,7 @@ int qv::base64_decode_by(bool shuffles, const char *in, uint8_t *out, size_t len
     size_t held = 0;
     while (in != in_end) {
         if (held == 0) {
-            decode_groups(shuffles, in, in_end, end);
+            decode_groups(features, in, in_end, end);
             if (in == in_end)
                 break;
         }
@@ -329,7 +350,7 @@ int qv::base64_decode_by(bool shuffles, const char *in, uint8_t *out, size_t len
 
 int base64_decode(const char *in, uint8_t *out, size_t len)
 {
-    return qv::base64_decode_by(qv::processor_features() & qv::processor_shuffle, in, out, len);
+    return qv::base64_decode_by(qv::processor_features(), in, out, len);
 }
 
 size_t hex_encode(const uint8_t *in, size_t len, char *out)

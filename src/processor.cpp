@@ -18,13 +18,17 @@ constexpr uint32_t asked = 1u << 31;
 
 #if defined(__x86_64__)
 
-// Whether the kernel keeps the 512-bit and mask registers of a thread; the processor has xgetbv.
-bool keeps_wide_registers()
+// Which registers of a thread the kernel keeps; the processor has xgetbv.
+constexpr unsigned int registers_512 = 0xe6; // and the mask registers
+#if !defined(QVLIB_FIRMWARE)
+constexpr unsigned int registers_256 = 0x06;
+#endif
+
+unsigned int kept_registers()
 {
-    constexpr unsigned int wide_registers = 0xe6;
     unsigned int low, high;
     __asm__ volatile("xgetbv" : "=a"(low), "=d"(high) : "c"(0));
-    return (low & wide_registers) == wide_registers;
+    return low;
 }
 
 uint32_t ask()
@@ -37,7 +41,9 @@ uint32_t ask()
         features |= qv::processor_crc32;
     if (c & bit_SSSE3)
         features |= qv::processor_shuffle;
-    const bool sse4_1 = c & bit_SSE4_1, wide = (c & bit_OSXSAVE) && keeps_wide_registers();
+    const bool sse4_1 = c & bit_SSE4_1;
+    const unsigned int kept = c & bit_OSXSAVE ? kept_registers() : 0;
+    const bool wide = (kept & registers_512) == registers_512;
 
     constexpr unsigned int wide_sets = bit_AVX512F | bit_AVX512VL | bit_AVX512BW | bit_AVX512DQ;
     if (!__get_cpuid_count(7, 0, &a, &b, &c, &d))
@@ -46,6 +52,12 @@ uint32_t ask()
         features |= qv::processor_wide_folding;
     if ((features & qv::processor_shuffle) && sse4_1 && (b & bit_SHA))
         features |= qv::processor_sha1 | qv::processor_sha256;
+#if !defined(QVLIB_FIRMWARE)
+    if ((kept & registers_256) == registers_256 && (b & bit_AVX2))
+        features |= qv::processor_shuffle_32;
+    if (wide && (b & wide_sets) == wide_sets && (c & bit_AVX512VBMI))
+        features |= qv::processor_shuffle_64;
+#endif
     return features;
 }
 

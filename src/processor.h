@@ -14,6 +14,8 @@ enum : uint32_t {
     processor_shuffle = 1u << 2,      // bytes of a 128-bit register by index (SSSE3)
     processor_sha1 = 1u << 3,
     processor_sha256 = 1u << 4,
+    processor_shuffle_32 = 1u << 5, // the same within the halves of a 256-bit register (AVX2)
+    processor_shuffle_64 = 1u << 6, // bytes of a 512-bit register by index (AVX-512 VBMI)
 };
 
 // What ask_processor found; 0 before.

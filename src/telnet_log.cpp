@@ -7,6 +7,8 @@
 
 #include "telnet_log.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -20,6 +22,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 #include <qvlib/log.h>
 #include <qvlib/reference.h>
@@ -33,9 +36,9 @@ namespace
 
 constexpr int backlog = 2;
 constexpr int shutdown_attempts = 3;
-constexpr size_t time_size = 26;      // of ctime_r
-constexpr size_t text_limit = 1022;   // a text of 1021 bytes and its terminator
-constexpr size_t message_size = 1025; // ": ", the text, a line feed and a terminator
+constexpr size_t time_size = 26;                // of ctime_r
+constexpr size_t text_limit = 1022;             // a text of 1021 bytes and its terminator
+constexpr size_t message_size = 2 + text_limit; // ": ", the text and a line feed
 
 struct feed_client {
     int socket;
@@ -147,30 +150,29 @@ void drop_client(feed *log, feed_client *client)
     free(client);
 }
 
-// Sends a line to every client, in list order.
-void send_line(feed *log, const char *when, const char *label, const char *message)
+// Sends a line, of the time, the label and the message, to every client, in list order.
+void send_line(feed *log, const std::array<iovec, 3> &line)
 {
     qv::mutex_guard lock(log->lock);
     qv::send_patience patience(log->stop_at);
     for (feed_client *client = log->clients.next; client != &log->clients;) {
         feed_client *following = client->next;
-        iovec pieces[] = {{const_cast<char *>(when), strlen(when)},
-                          {const_cast<char *>(label), strlen(label)},
-                          {const_cast<char *>(message), strlen(message)}};
-        if (!qv::send_whole(client->socket, pieces, 3, patience))
+        std::array<iovec, 3> pieces = line;
+        if (!qv::send_whole(client->socket, pieces.data(), pieces.size(), patience))
             drop_client(log, client);
         client = following;
     }
 }
 
-// "Sat Nov 14 22:51:07 2026 ", in local time.
-void write_time(char *text)
+// Writes ": ", the text, as far as there is room for it, and a line feed. Returns the length of all.
+QV_PRINTF(2, 0) size_t write_message(char *message, const char *fmt, va_list ap)
 {
-    const time_t now = time(nullptr);
-    if (!ctime_r(&now, text))
-        text[0] = '\0';
-    if (char *end = strchr(text, '\n'))
-        *end = ' ';
+    char *text = static_cast<char *>(memcpy(message, ": ", 3)) + 2;
+    const int length = vsnprintf(text, text_limit, fmt, ap);
+    char *end = text + (length < 0 ? strnlen(text, text_limit - 1)
+                                   : std::min(static_cast<size_t>(length), text_limit - 1));
+    *end++ = '\n';
+    return static_cast<size_t>(end - message);
 }
 
 // Ends the thread's accept, which nothing else does: hence several attempts.
@@ -195,6 +197,52 @@ int start_thread(feed *log)
 }
 
 } // namespace
+
+#if defined(QVLIB_FIRMWARE)
+
+size_t qv::feed_time(time_t now, char *text)
+{
+    if (!ctime_r(&now, text))
+        return 0;
+    const size_t length = strlen(text);
+    text[length - 1] = ' ';
+    return length;
+}
+
+#else
+
+// By hand: ctime_r would take a tenth of a line's time.
+size_t qv::feed_time(time_t now, char *text)
+{
+    constexpr char days[] = "SunMonTueWedThuFriSat", months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    tm local = {};
+    if (!localtime_r(&now, &local))
+        return 0;
+    char *at = text;
+    const auto put_name = [&at](const char *name) {
+        at = static_cast<char *>(memcpy(at, name, 3)) + 3;
+        *at++ = ' ';
+    };
+    const auto put_two = [&at](int number, char zero = '0') {
+        *at++ = number < 10 ? zero : static_cast<char>('0' + number / 10);
+        *at++ = static_cast<char>('0' + number % 10);
+    };
+    put_name(days + 3 * local.tm_wday);
+    put_name(months + 3 * local.tm_mon);
+    put_two(local.tm_mday, ' ');
+    char before = ' ';
+    for (const int part : {local.tm_hour, local.tm_min, local.tm_sec}) {
+        *at++ = std::exchange(before, ':');
+        put_two(part);
+    }
+    *at++ = ' ';
+    put_two((local.tm_year + 1900) / 100);
+    put_two((local.tm_year + 1900) % 100);
+    *at++ = ' ';
+    return static_cast<size_t>(at - text);
+}
+
+#endif
 
 void qv::silence_feed(void *handle)
 {
@@ -243,16 +291,15 @@ void qv_vtellog(void *handle, int level, const char *fmt, va_list ap)
         return;
     const qv::errno_guard unchanged;
     const int error = errno; // the text may contain %m
-    const block_guard message(calloc(1, message_size));
-    const block_guard when(calloc(1, time_size));
+    const block_guard message(malloc(message_size));
+    const block_guard when(malloc(time_size));
     const block_guard label(strdup(log_level(level)));
     if (!message.text() || !when.text() || !label.text())
         return;
 
-    memcpy(message.text(), ": ", 2);
     errno = error;
-    vsnprintf(message.text() + 2, text_limit, fmt, ap);
-    memcpy(message.text() + strlen(message.text()), "\n", 2);
-    write_time(when.text());
-    send_line(log, when.text(), label.text(), message.text());
+    const size_t message_length = write_message(message.text(), fmt, ap);
+    send_line(log, {{{when.text(), qv::feed_time(time(nullptr), when.text())},
+                     {label.text(), strlen(label.text())},
+                     {message.text(), message_length}}});
 }

@@ -6,15 +6,18 @@
 #include <qvlib/tree.h>
 
 #include <algorithm>
+#include <bit>
 #include <errno.h>
 #include <limits.h>
 #include <stddef.h>
 #include <stdlib.h>
+#include <string.h>
 
 namespace
 {
 
-static_assert(offsetof(tree_node, key_lo) == 4 && offsetof(tree_node, data) == 8);
+static_assert(offsetof(tree_node, key_hi) == 0 && offsetof(tree_node, key_lo) == 4 &&
+              offsetof(tree_node, data) == 8);
 static_assert(offsetof(tree_node, left) == 8 + sizeof(void *));
 static_assert(offsetof(tree_node, right) == 8 + 2 * sizeof(void *));
 static_assert(offsetof(tree_node, word) == 8 + 3 * sizeof(void *));
@@ -22,9 +25,12 @@ static_assert(sizeof(tree_node) == 8 + 4 * sizeof(void *));
 
 // ---- Nodes
 
+// Both halves at once: the look-ups wait for it at every step.
 uint64_t key_of(const tree_node *node)
 {
-    return uint64_t{node->key_hi} << 32 | node->key_lo;
+    uint64_t key;
+    memcpy(&key, node, sizeof key);
+    return std::endian::native == std::endian::big ? key : std::rotl(key, 32);
 }
 
 void set_key(tree_node *node, uint64_t key)
@@ -38,6 +44,14 @@ enum side { LEFT = 0, RIGHT = 1 };
 side other(side dir)
 {
     return dir == LEFT ? RIGHT : LEFT;
+}
+
+// The side of a node where a key belongs, without a branch: compilers don't see what they would make one of.
+side side_for(uint64_t key, uint64_t node_key)
+{
+    unsigned int right = key > node_key;
+    __asm__("" : "+r"(right));
+    return static_cast<side>(right);
 }
 
 // Indexed, not chosen by a branch: half of the branches on the way down would be predicted wrong.
@@ -62,17 +76,40 @@ tree_node *allocate_node(uint64_t key, void *item)
     return node;
 }
 
+// One of two nodes without a branch, half of which would be predicted wrong: compilers don't see what they
+// would make one of.
+inline tree_node *choose(bool second, tree_node *a, tree_node *b)
+{
+    uintptr_t mask = 0 - uintptr_t{second};
+    __asm__("" : "+r"(mask));
+    const auto first = reinterpret_cast<uintptr_t>(a);
+    return reinterpret_cast<tree_node *>(first ^ ((first ^ reinterpret_cast<uintptr_t>(b)) & mask));
+}
+
+// The node with the key, or NULL, and the node above its place. Both children are on their way while the keys
+// are compared.
+inline tree_node *find_node(tree_node *head, uint64_t key, tree_node **above)
+{
+    *above = head;
+    for (tree_node *node = head->left; node != nullptr;) {
+        const uint64_t node_key = key_of(node);
+        tree_node *left = node->left, *right = node->right;
+        __builtin_prefetch(left);
+        __builtin_prefetch(right);
+        if (node_key == key)
+            return node;
+        *above = node;
+        node = choose(key > node_key, left, right);
+    }
+    return nullptr;
+}
+
 // The link that holds the node with the key, or the empty one where it belongs.
 tree_node **find_link(tree_node *head, uint64_t key)
 {
-    tree_node **link = &head->left;
-    while (tree_node *node = *link) {
-        const uint64_t node_key = key_of(node);
-        if (node_key == key)
-            break;
-        link = key > node_key ? &node->right : &node->left;
-    }
-    return link;
+    tree_node *above;
+    find_node(head, key, &above);
+    return above == head || key < key_of(above) ? &above->left : &above->right;
 }
 
 void *report_end(const tree_node *node, uint64_t *key)
@@ -471,6 +508,12 @@ bool is_red(const tree_node *node)
     return node != nullptr && node->word != 0;
 }
 
+// Whether one of two nodes is red, in one branch: colours are hard to predict.
+bool any_red(const tree_node *a, const tree_node *b)
+{
+    return ((a != nullptr ? a->word : 0) | (b != nullptr ? b->word : 0)) != 0;
+}
+
 tree_node *rotate(tree_node *root, side dir)
 {
     tree_node *top = child(root, other(dir));
@@ -552,7 +595,7 @@ tree_node *push_red_down(tree_node *grandparent, tree_node *parent, tree_node *n
     tree_node *sibling = child(parent, other(last));
     if (sibling == nullptr)
         return parent;
-    if (!is_red(sibling->left) && !is_red(sibling->right)) {
+    if (!any_red(sibling->left, sibling->right)) {
         parent->word = 0;
         sibling->word = 1;
         node->word = 1;
@@ -581,10 +624,12 @@ void rb_remove(tree_node *head, uint64_t key)
         parent = node;
         node = child(node, dir);
         const uint64_t node_key = key_of(node);
-        dir = key > node_key ? RIGHT : LEFT;
+        __builtin_prefetch(node->left);
+        __builtin_prefetch(node->right);
+        dir = side_for(key, node_key);
         if (node_key == key)
             found = node;
-        if (!is_red(node) && !is_red(child(node, dir)))
+        if (!any_red(node, child(node, dir)))
             parent = push_red_down(grandparent, parent, node, last, dir);
     }
     if (found != nullptr) {
@@ -612,8 +657,13 @@ tree_node **generic_find_node(tree_node *head, uint64_t key)
 
 void *search_tree(tree_node *head, uint64_t key)
 {
-    tree_node **link = generic_find_node(head, key);
-    return link != nullptr ? (*link)->data : nullptr;
+    tree_node *above;
+    tree_node *node = head != nullptr ? find_node(head, key, &above) : nullptr;
+    if (node == nullptr) {
+        errno = ENOENT;
+        return nullptr;
+    }
+    return node->data;
 }
 
 void *tree_min(tree_node *head, uint64_t *key)

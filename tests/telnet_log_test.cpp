@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <list>
 #include <pthread.h>
 #include <random>
@@ -21,6 +23,7 @@
 #include "failing_heap.h"
 #include "listener_peers.h"
 #include "machine.h"
+#include "telnet_log.h"
 
 using failing_calls::failing;
 using failing_calls::fails;
@@ -131,6 +134,37 @@ TEST_F(TelnetLog, ShowsLocalTime)
         found = found || text == std::string(ctime_r(&t, shown)).substr(0, 24);
     }
     EXPECT_TRUE(found) << text;
+}
+
+TEST(FeedTime, IsThatOfTheCLibraryInAnyZone)
+{
+    const char *const zone = getenv("TZ");
+    const std::string kept = zone ? zone : "";
+    std::mt19937 random(6);
+    for (const char *name : {"UTC0", "CET-1CEST,M3.5.0,M10.5.0/3", "NST3:30NDT,M3.2.0,M11.1.0"}) {
+        setenv("TZ", name, 1);
+        tzset();
+        for (int round = 0; round < 2000; round++) {
+            const auto time = static_cast<time_t>(random() % INT32_MAX);
+            char shown[26], expected[26];
+            const std::string text(shown, qv::feed_time(time, shown));
+            ctime_r(&time, expected);
+            ASSERT_EQ(text, std::string(expected, 24) + ' ') << name;
+        }
+    }
+    if (zone)
+        setenv("TZ", kept.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+}
+
+TEST(FeedTime, IsEmptyForATimeThatNoCalendarHolds)
+{
+    if (sizeof(time_t) < 8)
+        GTEST_SKIP() << "every time of this machine has a date";
+    char text[26];
+    EXPECT_EQ(qv::feed_time(std::numeric_limits<time_t>::max(), text), 0u);
 }
 
 TEST_F(TelnetLog, LabelsEveryLevel)

@@ -137,8 +137,8 @@ q_elem *q_add_list(q_queue *q, void *item, unsigned int list, void *arg);
  *
  * Returns the element, or its item from q_refer; NULL when nothing matches.
  */
-q_elem *q_refer_element(q_queue *q, unsigned int key, unsigned int flags);
-void *q_refer(q_queue *q, unsigned int key, unsigned int flags);
+q_elem *q_refer_element(q_queue *q, unsigned int key, unsigned int flags) QV_CALLED_OFTEN;
+void *q_refer(q_queue *q, unsigned int key, unsigned int flags) QV_CALLED_OFTEN;
 
 /*
  * Finds the first match in one list. O(n).
