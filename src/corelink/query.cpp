@@ -1,7 +1,9 @@
 // Path queries: nodes and values by dotted paths.
 
+#include <bit>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +15,7 @@
 #include "../guard.h"
 #include "../where.h"
 #include "tree.h"
+#include "words.h"
 
 using namespace qv;
 
@@ -21,13 +24,32 @@ namespace
 
 using tag_compare = int (*)(const char *segment, const char *tag);
 
+// A text's first eight characters as words.h has them: the first one lowest.
+constexpr size_t word_size = sizeof(uint64_t);
+
+bool begins_a_word(const char *tag)
+{
+    return reinterpret_cast<uintptr_t>(tag) % word_size == 0;
+}
+
+// The first word of a tag that begins one. What stands behind a short tag can be read, since it is on the
+// same page, but means nothing.
+__attribute__((no_sanitize("address"))) uint64_t first_word(const char *tag)
+{
+    uint64_t word;
+    memcpy(&word, __builtin_assume_aligned(tag, word_size), word_size);
+    return std::endian::native == std::endian::big ? __builtin_bswap64(word) : word;
+}
+
 // One segment of a path. It compares itself in place with verify_tag; a caller's comparison gets a copy.
 class path_segment
 {
   public:
     path_segment(const char *path, tag_compare compare)
-        : text_(path), length_(strcspn(path, ".")), compare_(compare), copy_(nullptr, QV_WHERE)
+        : text_(path), length_(by_words ? take_word(path) : 0), compare_(compare), copy_(nullptr, QV_WHERE)
     {
+        if (!by_words || length_ == word_size)
+            length_ += strcspn(path + length_, ".");
     }
     path_segment(const path_segment &) = delete;
     path_segment &operator=(const path_segment &) = delete;
@@ -55,11 +77,38 @@ class path_segment
         if (!tag)
             return false;
         if (compare_ == verify_tag)
-            return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
+            return equals(tag);
         return compare_ && make_copy() && compare_(copy_.get(), tag) == 0;
+    }
+    // The first child from `child` on whose tag can match, or null. Most tags differ in their first word.
+    clparse_node *skip(const clparse_node *container, clparse_node *child) const
+    {
+        if (!by_words || compare_ != verify_tag)
+            return child;
+        const uint64_t word = word_, mask = mask_;
+        while (child && child->tag && begins_a_word(child->tag) &&
+               ((first_word(child->tag) ^ word) & mask) != 0)
+            child = next_child(container, child);
+        return child;
     }
 
   private:
+    // Puts up to eight characters of the segment into the word. Returns how many.
+    size_t take_word(const char *path)
+    {
+        size_t length = 0;
+        for (; length < word_size && path[length] != '.' && path[length] != '\0'; length++)
+            word_ |= static_cast<uint64_t>(static_cast<unsigned char>(path[length])) << 8 * length;
+        if (length < word_size)
+            mask_ >>= 8 * (word_size - 1 - length);
+        return length;
+    }
+    bool equals(const char *tag) const
+    {
+        if (by_words && begins_a_word(tag) && length_ < word_size)
+            return ((first_word(tag) ^ word_) & mask_) == 0;
+        return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
+    }
     bool make_copy()
     {
         if (!copy_.get())
@@ -71,6 +120,8 @@ class path_segment
         return true;
     }
 
+    uint64_t word_ = 0;            // the first characters
+    uint64_t mask_ = ~UINT64_C(0); // what they, and the NUL behind them, are of a tag's first word
     const char *text_;
     size_t length_;
     tag_compare compare_;
@@ -106,6 +157,8 @@ level_result search_level(clparse_node *container, path_segment &segment, int ty
     const unsigned long position = by_index ? segment.position() : 0;
     unsigned long at = 0;
     for (clparse_node *child = first_child(container); child; child = next_child(container, child), at++) {
+        if (!by_index && !(child = segment.skip(container, child)))
+            break;
         if (by_index ? at != position : !segment.matches(child->tag))
             continue;
         if (segment.is_last()) {
