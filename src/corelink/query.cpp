@@ -1,6 +1,5 @@
 // Path queries: nodes and values by dotted paths.
 
-#include <bit>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -14,8 +13,8 @@
 
 #include "../guard.h"
 #include "../where.h"
+#include "tag_words.h"
 #include "tree.h"
-#include "words.h"
 
 using namespace qv;
 
@@ -23,23 +22,6 @@ namespace
 {
 
 using tag_compare = int (*)(const char *segment, const char *tag);
-
-// A text's first eight characters as words.h has them: the first one lowest.
-constexpr size_t word_size = sizeof(uint64_t);
-
-bool begins_a_word(const char *tag)
-{
-    return reinterpret_cast<uintptr_t>(tag) % word_size == 0;
-}
-
-// The first word of a tag that begins one. What stands behind a short tag can be read, since it is on the
-// same page, but means nothing.
-__attribute__((no_sanitize("address"))) uint64_t first_word(const char *tag)
-{
-    uint64_t word;
-    memcpy(&word, __builtin_assume_aligned(tag, word_size), word_size);
-    return std::endian::native == std::endian::big ? __builtin_bswap64(word) : word;
-}
 
 // One segment of a path. It compares itself in place with verify_tag; a caller's comparison gets a copy.
 class path_segment
@@ -87,7 +69,7 @@ class path_segment
             return child;
         const uint64_t word = word_, mask = mask_;
         while (child && child->tag && begins_a_word(child->tag) &&
-               ((first_word(child->tag) ^ word) & mask) != 0)
+               ((aligned_word(child->tag) ^ word) & mask) != 0)
             child = next_child(container, child);
         return child;
     }
@@ -106,7 +88,7 @@ class path_segment
     bool equals(const char *tag) const
     {
         if (by_words && begins_a_word(tag) && length_ < word_size)
-            return ((first_word(tag) ^ word_) & mask_) == 0;
+            return ((aligned_word(tag) ^ word_) & mask_) == 0;
         return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
     }
     bool make_copy()
