@@ -98,7 +98,8 @@ TEST(Asprintf, YieldsAnEmptyStringThatCanGrow)
 // Plain formats and others, around the length that is formatted once.
 TEST(Asprintf, FormatsTextsOfAllLengths)
 {
-    for (size_t length : {0, 1, 200, 254, 255, 256, 257, 258, 1000, 100000}) {
+    for (const size_t length :
+         std::initializer_list<size_t>{0, 1, 200, 254, 255, 256, 257, 258, 1000, 100000}) {
         const std::string wanted(length, 'x');
         for (const char *format : {"%s", "%1$s"}) {
             SCOPED_TRACE(format + (" " + std::to_string(length)));

@@ -30,8 +30,10 @@ class path_segment
     path_segment(const char *path, tag_compare compare)
         : text_(path), length_(by_words ? take_word(path) : 0), compare_(compare), copy_(nullptr, QV_WHERE)
     {
-        if (!by_words || length_ == word_size)
-            length_ += strcspn(path + length_, ".");
+        while (by_words && length_ >= word_size && path[length_] != '.' && path[length_] != '\0')
+            length_++;
+        if (!by_words)
+            length_ = strcspn(path, ".");
     }
     path_segment(const path_segment &) = delete;
     path_segment &operator=(const path_segment &) = delete;
@@ -87,9 +89,14 @@ class path_segment
     }
     bool equals(const char *tag) const
     {
-        if (by_words && begins_a_word(tag) && length_ < word_size)
-            return ((aligned_word(tag) ^ word_) & mask_) == 0;
-        return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
+        if (!by_words || !begins_a_word(tag))
+            return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
+        if (((aligned_word(tag) ^ word_) & mask_) != 0)
+            return false;
+        for (size_t i = word_size; i < length_; i++)
+            if (tag[i] != text_[i])
+                return false;
+        return length_ < word_size || tag[length_] == '\0';
     }
     bool make_copy()
     {
