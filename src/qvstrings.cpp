@@ -14,6 +14,7 @@
 #include <qvlib/strings.h>
 
 #include "guard.h"
+#include "plain_format.h"
 #include "qvstrings.h"
 #include "where.h"
 
@@ -93,6 +94,53 @@ int replace_all(char **str, replacement_fn replacement)
     return static_cast<int>(new_length);
 }
 
+// A formatted text of known length. Short ones are kept, so that they are formatted once: by format_plainly
+// where it can, which firmware leaves to the C library. Others are formatted again where they go.
+class formatted
+{
+  public:
+    formatted(const char *fmt, va_list ap) : fmt_(fmt)
+    {
+        va_copy(ap_, ap);
+        length_ = kept ? qv::format_plainly(text_, sizeof text_, fmt, ap) : -1;
+        if (length_ < 0)
+            length_ = vsnprintf(text_, sizeof text_, fmt, ap);
+    }
+    ~formatted()
+    {
+        va_end(ap_);
+    }
+    formatted(const formatted &) = delete;
+    formatted &operator=(const formatted &) = delete;
+
+    // Negative when the text can't be formatted.
+    int length() const
+    {
+        return length_;
+    }
+    // Writes the text and its NUL, for which there is room. Returns the length.
+    int write(char *to)
+    {
+        const size_t size = static_cast<size_t>(length_) + 1;
+        if (size > sizeof text_)
+            return vsnprintf(to, size, fmt_, ap_);
+        memcpy(to, text_, size);
+        return length_;
+    }
+
+  private:
+#if defined(QVLIB_FIRMWARE)
+    static constexpr bool kept = false;
+#else
+    static constexpr bool kept = true;
+#endif
+
+    const char *fmt_;
+    va_list ap_;
+    int length_;
+    char text_[256];
+};
+
 bool is_alnum(char c)
 {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -117,17 +165,12 @@ int __qv_vasprintf(char **out, const char *func, int line, const char *fmt, va_l
     *out = nullptr;
     if (!fmt)
         return -1;
-    va_list copy;
-    va_copy(copy, ap);
-    const int length = vsnprintf(nullptr, 0, fmt, copy);
-    va_end(copy);
-    if (length < 0)
+    formatted text(fmt, ap);
+    if (text.length() < 0)
         return -1;
-    const size_t size = static_cast<size_t>(length) + 1;
+    const size_t size = static_cast<size_t>(text.length()) + 1;
     *out = static_cast<char *>(qv_memcheck_malloc(malloc, size, func, static_cast<unsigned int>(line)));
-    if (!*out)
-        return -1;
-    return vsnprintf(*out, size, fmt, ap);
+    return *out ? text.write(*out) : -1;
 }
 
 int __qv_asprintf(char **out, const char *func, int line, const char *fmt, ...)
@@ -143,18 +186,12 @@ int qv_vaasprintf(char **str, const char *fmt, va_list ap)
 {
     if (!str || !*str || !fmt)
         return -1;
-    va_list copy;
-    va_copy(copy, ap);
-    const int added = vsnprintf(nullptr, 0, fmt, copy);
-    va_end(copy);
-    if (added < 0)
+    formatted added(fmt, ap);
+    if (added.length() < 0)
         return -1;
     const size_t length = strlen(*str);
-    const size_t room = static_cast<size_t>(added) + 1;
-    *str = qv::grow_text(*str, length + room);
-    if (!*str)
-        return -1;
-    return vsnprintf(*str + length, room, fmt, ap);
+    *str = qv::grow_text(*str, length + static_cast<size_t>(added.length()) + 1);
+    return *str ? added.write(*str + length) : -1;
 }
 
 int qv_aasprintf(char **str, const char *fmt, ...)

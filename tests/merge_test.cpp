@@ -569,6 +569,7 @@ struct shape {
     bool effects = false;
     bool failures = false;
     bool kept_expansions = false; // a caller's not-found action comes after the release
+    bool in_order = false;        // the source has what the target has, with some differences
 };
 
 enum class tag_style { few_letters, numbered, digits, mixed, any };
@@ -592,6 +593,11 @@ class generator
         on_target_ = true;
         fill(world_.model_target, shape_.most_children, shape_.depth, false);
         on_target_ = false;
+        if (shape_.in_order) {
+            world_.model_source->kids = world_.copy(world_.model_target, true)->kids;
+            change_some(world_.model_source, shape_.depth);
+            return;
+        }
         switch (below(4)) {
         case 0: // the same tree, or the same in reverse order
             world_.model_source->kids = world_.copy(world_.model_target, false)->kids;
@@ -609,6 +615,8 @@ class generator
         if (style == tag_style::any)
             style = static_cast<tag_style>(below(4));
         const std::string number = std::to_string(below(tag_count_));
+        if (shape_.in_order && style == tag_style::numbered)
+            return below(20) ? "counter_" + number : "counters_of_" + number;
         switch (style) {
         case tag_style::few_letters:
             return std::string(1, static_cast<char>('a' + below(6)));
@@ -647,6 +655,24 @@ class generator
         if (below(4) == 0)
             std::sort(container->kids.begin(), container->kids.end(),
                       [](mnode *a, mnode *b) { return number_of(a) < number_of(b); });
+    }
+
+    // Removes, adds and exchanges some children on all levels.
+    void change_some(mnode *container, int depth)
+    {
+        auto &kids = container->kids;
+        for (mnode *kid : kids)
+            if (is_container(kid))
+                change_some(kid, depth - 1);
+        for (size_t left = below(4); left > 0; left--) {
+            const auto at = kids.begin() + static_cast<std::ptrdiff_t>(below(kids.size() + 1));
+            if (below(2))
+                kids.insert(at, make(depth, shape_.functions));
+            else if (at != kids.end() && below(2))
+                kids.erase(at);
+            else if (at != kids.end())
+                std::swap(*at, kids[below(kids.size())]);
+        }
     }
 
     mnode *make(int depth, int functions)
@@ -778,6 +804,21 @@ TEST(Merges, EqualTheModelOnSmallTrees)
 TEST(Merges, EqualTheModelOnWideTrees)
 {
     compare_merges(100000, 400, {.most_children = 120, .depth = 2});
+}
+
+TEST(Merges, EqualTheModelOnTreesInNearlyTheSameOrder)
+{
+    compare_merges(700000, 1500, {.most_children = 8, .depth = 3, .in_order = true});
+    compare_merges(710000, 500, {.most_children = 60, .depth = 2, .in_order = true});
+    compare_merges(720000, 100, {.most_children = 400, .depth = 2, .in_order = true});
+}
+
+TEST(Merges, EqualTheModelOnTreesInNearlyTheSameOrderWithFunctionNodes)
+{
+    compare_merges(730000, 1500,
+                   {.most_children = 20, .depth = 2, .functions = 3, .failures = true, .in_order = true});
+    compare_merges(740000, 1500,
+                   {.most_children = 20, .depth = 2, .functions = 3, .effects = true, .in_order = true});
 }
 
 TEST(Merges, EqualTheModelWithFunctionNodes)

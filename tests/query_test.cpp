@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "failing_alloc.h"
+#include "guarded_bytes.h"
 #include "memdebug.h"
 
 namespace
@@ -107,6 +109,39 @@ TEST_F(ClparseGetTagtype, FindsAnEmptyTagByAnEmptySegment)
     EXPECT_EQ(find("s."), empty);
     EXPECT_EQ(find(""), outer);
     EXPECT_EQ(find(".i"), inner);
+}
+
+int compare_plainly(const char *segment, const char *tag)
+{
+    return strcmp(segment, tag);
+}
+
+// Tags of all lengths around a word's, at and beside its boundaries, up to the end of a page.
+TEST_F(ClparseGetTagtype, FindsTagsWhereverTheyStand)
+{
+    std::mt19937 random(7);
+    clparse_node *x = add(&head->root, clparse_create_number_node("x", 7));
+    clparse_node *y = add(&head->root, clparse_create_number_node("y", 8));
+    char *const tags[] = {x->tag, y->tag};
+    const auto random_tag = [&] {
+        std::string tag;
+        for (size_t left = random() % 20; left > 0; left--)
+            tag += random() % 8 ? 'a' : 'b';
+        return tag;
+    };
+    for (int i = 0; i < 20000 * QVLIB_TEST_PERCENT / 100; i++) {
+        const std::string own = random_tag(),
+                          other = random() % 2 ? own.substr(0, random() % 20) : random_tag();
+        const size_t behind = random() % 9; // bytes between a tag's NUL and the end of the page
+        guarded_bytes own_bytes(own.size() + 1 + behind), other_bytes(other.size() + 1 + behind);
+        x->tag = static_cast<char *>(memcpy(own_bytes.text(), own.c_str(), own.size() + 1));
+        y->tag = static_cast<char *>(memcpy(other_bytes.text(), other.c_str(), other.size() + 1));
+        for (const std::string &path : {own, other, random_tag()})
+            ASSERT_EQ(find(path.c_str()), clparse_get_tagtype(&head->root, path.c_str(), -1, compare_plainly))
+                << path << " among " << own << " and " << other;
+    }
+    x->tag = tags[0];
+    y->tag = tags[1];
 }
 
 TEST_F(ClparseGetTagtype, PassesOverNodesOfAnotherType)

@@ -95,6 +95,22 @@ TEST(Asprintf, YieldsAnEmptyStringThatCanGrow)
     EXPECT_EQ(taken(text), "abc");
 }
 
+// Plain formats and others, around the length that is formatted once.
+TEST(Asprintf, FormatsTextsOfAllLengths)
+{
+    for (const size_t length :
+         std::initializer_list<size_t>{0, 1, 200, 254, 255, 256, 257, 258, 1000, 100000}) {
+        const std::string wanted(length, 'x');
+        for (const char *format : {"%s", "%1$s"}) {
+            SCOPED_TRACE(format + (" " + std::to_string(length)));
+            char *text = nullptr;
+            EXPECT_EQ(format_by_list(&text, format, wanted.c_str()), static_cast<int>(length));
+            EXPECT_EQ(append_by_list(&text, format, wanted.c_str()), static_cast<int>(length));
+            EXPECT_EQ(taken(text), wanted + wanted);
+        }
+    }
+}
+
 TEST(Asprintf, OverwritesAnEarlierValueWithoutFreeingIt)
 {
     char earlier[] = "static";

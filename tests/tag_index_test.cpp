@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include "corelink/tag_words.h"
 #include "failing_alloc.h"
+#include "guarded_bytes.h"
 
 namespace
 {
@@ -162,6 +164,72 @@ TEST_F(TagIndex, RefusesAChildWhenMemoryIsShortAndKeepsTheOthers)
     }
     index.clear();
     EXPECT_EQ(blocks.count(), 0u);
+}
+
+// ---- Tags by words
+
+// A tag with some bytes behind it up to the end of a page: its beginning is at any place in a word.
+class placed_tag
+{
+  public:
+    placed_tag(const std::string &tag, size_t behind) : bytes_(tag.size() + 1 + behind)
+    {
+        memset(bytes_.text(), static_cast<int>(behind) - 4, bytes_.size());
+        memcpy(bytes_.text(), tag.c_str(), tag.size() + 1);
+    }
+    const char *text()
+    {
+        return bytes_.text();
+    }
+
+  private:
+    guarded_bytes bytes_;
+};
+
+std::string random_tag(std::mt19937 &random)
+{
+    const char letters[] = {'a', 'a', 'a', 'a', 'b', '\x01', '\x7f', '\x80', '\x81', '\xff'};
+    std::string tag;
+    for (size_t left = random() % 26; left > 0; left--)
+        tag += letters[random() % sizeof letters];
+    return tag;
+}
+
+TEST(TagWords, AreEqualWhenTheTextsAre)
+{
+    std::mt19937 random(7);
+    for (int i = 0; i < 20000 * QVLIB_TEST_PERCENT / 100; i++) {
+        const std::string tag = random_tag(random);
+        std::string other = tag;
+        if (random() % 4 == 0)
+            other = random_tag(random);
+        else if (!other.empty() && random() % 2)
+            other[random() % other.size()] = 'c';
+        else if (random() % 2)
+            other.resize(random() % (other.size() + 1));
+        placed_tag a(tag, random() % 9), b(other, random() % 9);
+        ASSERT_EQ(qv::equal_tags(a.text(), b.text()), tag == other) << tag << " and " << other;
+        if (tag == other) {
+            ASSERT_EQ(qv::tag_filter::mark_of(a.text()), qv::tag_filter::mark_of(b.text())) << tag;
+        }
+    }
+}
+
+TEST(TagFilter, HoldsWhatWasAddedAndFewOthers)
+{
+    qv::tag_filter filter;
+    const auto mark = [](size_t number) { return qv::tag_filter::mark_of(numbered(number).c_str()); };
+    size_t held = 0;
+    for (size_t i = 0; i < 50; i++) {
+        held += filter.can_hold(mark(i));
+        filter.add(mark(i));
+    }
+    for (size_t i = 0; i < 50; i++)
+        EXPECT_TRUE(filter.can_hold(mark(i)));
+    EXPECT_LT(held, 10u); // 2.4 are to be expected
+    filter.clear();
+    for (size_t i = 0; i < 50; i++)
+        EXPECT_FALSE(filter.can_hold(mark(i)));
 }
 
 } // namespace

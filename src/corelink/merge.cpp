@@ -3,17 +3,20 @@
 // A merge goes through the children of a source container and lets each be taken by a child of the target;
 // pairs of containers with equal tags are merged level by level, on a stack of levels instead of by
 // recursion. Callers may bring actions of their own, which are asked about every pair. For the library's own
-// actions a level that has cost many comparisons looks children up in an index, and insertions that sort are
-// sorted once at the end of the level, in the order that sorting after each insertion would give. Before a
-// callback of a function node runs, every level is brought into the state that the plain steps would have
-// reached, and its index dropped: the callback may look at the trees and change them. The same goes for a
-// not-found action of the caller's.
+// actions a search begins behind the child that took the last node, as long as a filter of the tags before it
+// rules them out: trees are mostly in the same order, so that the next child is the one. A level that has
+// cost many comparisons nevertheless looks children up in an index. Insertions that sort are sorted once at
+// the end of the level, in the order that sorting after each insertion would give. Before a callback of a
+// function node runs, every level is brought into the state that the plain steps would have reached, and its
+// filter and index dropped: the callback may look at the trees and change them. The same goes for a not-found
+// action of the caller's.
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <optional>
 
 #include <qvlib/corelink.h>
 #include <qvlib/memcheck.h>
@@ -21,6 +24,7 @@
 
 #include "../where.h"
 #include "tag_index.h"
+#include "tag_words.h"
 #include "tree.h"
 
 using namespace qv;
@@ -40,7 +44,16 @@ int64_t tag_number(const char *tag)
 {
     if (!tag || *tag == '\0')
         return 0;
-    const long number = strtol(begins_with_digit(tag) ? tag : tag + 1, nullptr, 10);
+    const char *digits = begins_with_digit(tag) ? tag : tag + 1;
+    if (by_words && *digits >= 'A' && *digits <= 'z')
+        return 0;
+    if (by_words && begins_with_digit(digits)) {
+        int64_t number = 0;
+        for (; begins_with_digit(digits) && number <= INT32_MAX; digits++)
+            number = 10 * number + (*digits - '0');
+        return number > INT32_MAX ? INT32_MAX : number;
+    }
+    const long number = strtol(digits, nullptr, 10); // blanks and signs too
     return number > INT32_MAX ? INT32_MAX : number < INT32_MIN ? INT32_MIN : number;
 }
 
@@ -63,15 +76,6 @@ unsigned int count_children(const clparse_node *container)
     return count;
 }
 
-// Nodes begin with the links of a list element.
-void sort_children(clparse_node *container)
-{
-    static_assert(offsetof(clparse_node, next) == offsetof(q_elem, next));
-    static_assert(offsetof(clparse_node, prev) == offsetof(q_elem, prev));
-    __list_sort(reinterpret_cast<q_elem *>(container->value.children), count_children(container),
-                compare_tags);
-}
-
 void reverse_children(clparse_node *container)
 {
     clparse_node *sentinel = container->value.children;
@@ -82,6 +86,31 @@ void reverse_children(clparse_node *container)
         node->prev = next;
         node = next;
     } while (node != sentinel);
+}
+
+// Whether all children compare as equal: their tags begin with a digit, or have the same number.
+bool are_equal(const clparse_node *container)
+{
+    const clparse_node *first = first_child(container);
+    const bool digits = first && begins_with_digit(first->tag);
+    const int64_t number = first ? tag_number(first->tag) : 0;
+    for (const clparse_node *child = first; child; child = next_child(container, child))
+        if (begins_with_digit(child->tag) != digits || (!digits && tag_number(child->tag) != number))
+            return false;
+    return true;
+}
+
+// Nodes begin with the links of a list element.
+void sort_children(clparse_node *container)
+{
+    static_assert(offsetof(clparse_node, next) == offsetof(q_elem, next));
+    static_assert(offsetof(clparse_node, prev) == offsetof(q_elem, prev));
+    if (by_words && are_equal(container)) {
+        reverse_children(container); // as the sort does
+        return;
+    }
+    __list_sort(reinterpret_cast<q_elem *>(container->value.children), count_children(container),
+                compare_tags);
 }
 
 void link_first(clparse_node *container, clparse_node *node)
@@ -107,6 +136,20 @@ bool is_sorted(const sort_entry *entries, size_t count)
     return true;
 }
 
+constexpr size_t few_entries = 64;
+
+// Equal elements keep their order.
+void sort_few(sort_entry *entries, size_t count)
+{
+    for (size_t i = 1; i < count; i++) {
+        const sort_entry taken = entries[i];
+        size_t at = i;
+        for (; at > 0 && taken.key < entries[at - 1].key; at--)
+            entries[at] = entries[at - 1];
+        entries[at] = taken;
+    }
+}
+
 // One pass of a radix sort by the eight bits above `shift`; equal elements keep their order.
 void sort_by_byte(const sort_entry *from, sort_entry *to, size_t count, int shift)
 {
@@ -124,14 +167,18 @@ void sort_by_byte(const sort_entry *from, sort_entry *to, size_t count, int shif
 bool sort_stably(clparse_node *container)
 {
     const size_t count = count_children(container);
-    auto *entries = static_cast<sort_entry *>(calloc(count, 2 * sizeof(sort_entry)));
+    sort_entry few[few_entries];
+    const bool are_few = by_words && count <= few_entries;
+    auto *entries = are_few ? few : static_cast<sort_entry *>(calloc(count, 2 * sizeof(sort_entry)));
     if (!entries)
         return false;
     size_t i = 0;
     for (clparse_node *child = first_child(container); child; child = next_child(container, child))
         entries[i++] = {static_cast<uint32_t>(tag_number(child->tag)) ^ (UINT32_C(1) << 31), child};
     if (!is_sorted(entries, count)) {
-        for (int shift = 0; shift < 32; shift += 16) {
+        if (are_few)
+            sort_few(entries, count);
+        for (int shift = are_few ? 32 : 0; shift < 32; shift += 16) {
             sort_by_byte(entries, entries + count, count, shift);
             sort_by_byte(entries + count, entries, count, shift + 8);
         }
@@ -140,7 +187,8 @@ bool sort_stably(clparse_node *container)
         for (i = 0; i < count; i++)
             link_last(container, entries[i].node);
     }
-    free(entries);
+    if (!are_few)
+        free(entries);
     return true;
 }
 
@@ -178,13 +226,17 @@ void sort_after_insertions(clparse_node *container, clparse_node *inserted, size
 // An index pays once a level has cost this many comparisons.
 constexpr size_t first_index_cost = 64;
 
+// A search that has gone on for longer leads to an index.
+constexpr size_t most_passed = first_index_cost;
+
 // The merge of one source container into one target container.
 class merge_level
 {
   public:
     merge_level(merge_level *outer_level, clparse_node *target_container, clparse_node *source_container)
         : outer(outer_level), target(target_container), source_end(source_container->value.children),
-          next_source(source_end->next), sources_left(count_links(source_end))
+          next_source(source_end->next), sources_left(count_links(source_end)),
+          passed_(target_container->value.children)
     {
     }
     merge_level(const merge_level &) = delete;
@@ -208,13 +260,43 @@ class merge_level
     void add_cost(size_t comparisons)
     {
         cost_ += comparisons;
-        if (cost_ >= index_cost_ && indexable_ && !indexed_)
+        if (cost_ >= index_cost_ && indexable_ && !index_)
             build_index();
     }
 
     bool is_indexed() const
     {
-        return indexed_;
+        return index_.has_value();
+    }
+
+    // The child with which the search for the one that takes a node with this tag begins. No child before it
+    // has the tag or callbacks.
+    clparse_node *first_candidate(const char *tag)
+    {
+        if (!tag || !passed_tags_.can_hold(tag_filter::mark_of(tag)))
+            return behind_passed();
+        if (unsorted_ > 0) {
+            settle();
+            cost_ += count_children(target);
+        }
+        return target->value.children->next;
+    }
+
+    clparse_node *behind_passed() const
+    {
+        return passed_->next;
+    }
+
+    // The search has passed the children up to this one.
+    void pass_to(clparse_node *last)
+    {
+        while (passed_ != last) {
+            clparse_node *next = passed_->next;
+            if (next->tag)
+                passed_tags_.add(tag_filter::mark_of(next->tag));
+            order_ = order_with(next);
+            passed_ = next;
+        }
     }
 
     // The child that takes a source node with this tag, by the index; null when there is none.
@@ -223,9 +305,9 @@ class merge_level
         // Trees are mostly in the same order, so the child behind the last one found is tried first. Where
         // tags are distinct there is no other.
         clparse_node *next = last_found_ ? last_found_->next : target->value.children->next;
-        if (next->tag && strcmp(next->tag, tag) == 0 && !index_.has_duplicates())
+        if (next->tag && equal_tags(next->tag, tag) && !index_->has_duplicates())
             last_found_ = next;
-        else if (clparse_node *found = as_container ? index_.first_container(tag) : index_.first(tag))
+        else if (clparse_node *found = as_container ? index_->first_container(tag) : index_->first(tag))
             last_found_ = found;
         else
             return nullptr;
@@ -235,13 +317,13 @@ class merge_level
     // Makes of the list what the plain steps would have made of it, and forgets the index.
     void settle()
     {
+        forget_passed();
         if (unsorted_ > 0)
             sort_after_insertions(target, first_unsorted_, unsorted_);
         unsorted_ = 0;
-        if (!indexed_)
+        if (!index_)
             return;
-        index_.clear();
-        indexed_ = false;
+        index_.reset();
         last_found_ = nullptr;
         cost_ = 0;
         index_cost_ *= 2;
@@ -250,13 +332,16 @@ class merge_level
     // Whether a lookup depends on the order of children that are not sorted yet.
     bool needs_order(const char *tag) const
     {
-        return unsorted_ > 0 && index_.has_duplicates() && index_.first(tag) != index_.last(tag);
+        return unsorted_ > 0 && index_->has_duplicates() && index_->first(tag) != index_->last(tag);
     }
 
     void insert(clparse_node *child)
     {
+        const bool all_passed = has_passed_all();
         link_last(target, child);
-        if (indexed_ && !add_to_index(child))
+        if (all_passed)
+            pass_to(child);
+        if (index_ && !add_to_index(child))
             give_up_index();
     }
 
@@ -265,14 +350,15 @@ class merge_level
     {
         if (is_container(child))
             sort_children(child);
-        if (indexed_ && sorts_later(child)) {
+        if (sorts_later(child)) {
             if (unsorted_++ == 0)
                 first_unsorted_ = child;
             insert(child);
             return;
         }
-        if (indexed_)
+        if (index_)
             give_up_index();
+        settle();
         link_last(target, child);
         sort_children(target);
         add_cost(count_children(target));
@@ -291,6 +377,19 @@ class merge_level
         return count;
     }
 
+    bool has_passed_all() const
+    {
+        return by_words && passed_ == target->value.children->prev;
+    }
+
+    void forget_passed()
+    {
+        if (by_words)
+            passed_tags_.clear();
+        passed_ = target->value.children;
+        order_ = tag_order::none;
+    }
+
     enum class tag_order { none, letters, digits, mixed };
 
     tag_order order_with(const clparse_node *child) const
@@ -299,23 +398,23 @@ class merge_level
         return order_ == tag_order::none || order_ == own ? own : tag_order::mixed;
     }
 
-    // Whether one sort at the end of the level gives what sorting after each insertion gives: the comparison
-    // must order all tags.
+    // Whether one sort at the end of the level gives what sorting after each insertion gives: all children
+    // are known, and the comparison orders all tags.
     bool sorts_later(const clparse_node *child) const
     {
-        return order_with(child) != tag_order::mixed;
+        return (index_ || has_passed_all()) && order_with(child) != tag_order::mixed;
     }
 
     // Function nodes are asked one by one, so a level that has them is walked.
     bool add_to_index(clparse_node *child)
     {
         order_ = order_with(child);
-        return child->type != CLPARSE_TYPE_FUNCTION && index_.add(child);
+        return child->type != CLPARSE_TYPE_FUNCTION && index_->add(child);
     }
 
     void build_index()
     {
-        indexed_ = true;
+        index_.emplace();
         order_ = tag_order::none;
         const clparse_node *end = target->value.children;
         for (clparse_node *child = end->next; child != end; child = child->next) {
@@ -332,13 +431,15 @@ class merge_level
         indexable_ = false;
     }
 
-    tag_index index_;
+    std::optional<tag_index> index_;
     clparse_node *last_found_ = nullptr;
-    bool indexed_ = false;
     bool indexable_ = true;
     size_t cost_ = 0;
     size_t index_cost_ = first_index_cost;
-    tag_order order_ = tag_order::none; // of all indexed children
+    tag_order order_ = tag_order::none; // of all children that are passed or indexed
+
+    clparse_node *passed_; // a child or the sentinel
+    tag_filter passed_tags_;
 
     clparse_node *first_unsorted_ = nullptr;
     size_t unsorted_ = 0; // insertions that wait for being sorted
@@ -348,12 +449,40 @@ class merge_level
 
 bool have_equal_tags(const clparse_node *a, const clparse_node *b)
 {
-    return a->tag && b->tag && strcmp(a->tag, b->tag) == 0;
+    return a->tag && b->tag && equal_tags(a->tag, b->tag);
 }
 
 bool are_containers(const clparse_node *a, const clparse_node *b)
 {
     return is_container(a) && is_container(b);
+}
+
+// What the default found action does with a pair of equal tags.
+void take_value(clparse_node *target, const clparse_node *source)
+{
+    if (target == source)
+        return;
+    if (target->type == CLPARSE_TYPE_STRING) {
+        free_text(target->value.str, QV_WHERE);
+        target->value.str = nullptr;
+    }
+    // What the target's value was must not be taken for callbacks.
+    if (source->type == CLPARSE_TYPE_FUNCTION && target->type != CLPARSE_TYPE_FUNCTION)
+        target->value.func = {};
+    target->type = source->type;
+    switch (source->type) {
+    case CLPARSE_TYPE_NUMBER:
+        target->value.num = source->value.num;
+        break;
+    case CLPARSE_TYPE_BOOLEAN:
+        target->value.boolean = source->value.boolean;
+        break;
+    case CLPARSE_TYPE_STRING:
+        target->value.str = clparse_strdup(source->value.str, "clparse_dfl_found_action", __LINE__);
+        break;
+    default:
+        break; // the target keeps what its value was
+    }
 }
 
 // Tells a merge that its insertions sort, which the merge does itself: it is compared, and never called.
@@ -477,8 +606,17 @@ class tree_merge
     {
         merge_level &level = *top_;
         const clparse_node *end = level.target->value.children;
+        const bool passes_some = by_words && !asks_all();
+        clparse_node *const first = passes_some ? level.first_candidate(level.source->tag) : end->next;
+        if (first != end->next)
+            level.result = -1;
         size_t comparisons = 0;
-        for (clparse_node *next, *target = end->next; target != end; target = next) {
+        bool passes = passes_some && first == level.behind_passed(); // as long as no function node is met
+        const auto pass_to = [&](clparse_node *child) {
+            if (by_words && passes && comparisons <= most_passed)
+                level.pass_to(child);
+        };
+        for (clparse_node *next, *target = first; target != end; target = next) {
             if (!target) {
                 errno = EFAULT;
                 return false;
@@ -487,6 +625,7 @@ class tree_merge
             comparisons++;
             level.target_function = nullptr;
             if (target->type == CLPARSE_TYPE_FUNCTION) {
+                passes = false;
                 const auto &callbacks = target->value.func;
                 if (callbacks.apply) {
                     settle_all();
@@ -503,23 +642,41 @@ class tree_merge
                     return false;
             }
             if (are_containers(target, level.source) && have_equal_tags(target, level.source)) {
+                pass_to(target);
                 add_cost(comparisons);
                 return enter(target, level.source);
             }
-            level.result = found_(target, level.source);
+            level.result = ask(target, level.source);
             if (!release_target())
                 return false;
-            if (level.result != -1)
-                break;
+            if (level.result == -1)
+                continue;
+            pass_to(target);
+            break;
         }
         add_cost(comparisons);
         return finish_source();
     }
 
     // Callers' actions must be asked about every pair, so that an index is of no use to them.
+    bool asks_all() const
+    {
+        return found_ != clparse_dfl_found_action;
+    }
+
+    int ask(clparse_node *target, clparse_node *source)
+    {
+        if (asks_all())
+            return found_(target, source);
+        if (is_container(source) || !have_equal_tags(target, source))
+            return -1;
+        take_value(target, source);
+        return 0;
+    }
+
     void add_cost(size_t comparisons)
     {
-        if (found_ == clparse_dfl_found_action)
+        if (!asks_all())
             top_->add_cost(comparisons);
     }
 
@@ -609,29 +766,7 @@ int clparse_dfl_found_action(clparse_node *target, clparse_node *source)
 {
     if (!target || !source || !have_equal_tags(target, source) || is_container(source))
         return -1;
-    if (target == source)
-        return 0;
-    if (target->type == CLPARSE_TYPE_STRING) {
-        free_text(target->value.str, QV_WHERE);
-        target->value.str = nullptr;
-    }
-    // What the target's value was must not be taken for callbacks.
-    if (source->type == CLPARSE_TYPE_FUNCTION && target->type != CLPARSE_TYPE_FUNCTION)
-        target->value.func = {};
-    target->type = source->type;
-    switch (source->type) {
-    case CLPARSE_TYPE_NUMBER:
-        target->value.num = source->value.num;
-        break;
-    case CLPARSE_TYPE_BOOLEAN:
-        target->value.boolean = source->value.boolean;
-        break;
-    case CLPARSE_TYPE_STRING:
-        target->value.str = clparse_strdup(source->value.str, "clparse_dfl_found_action", __LINE__);
-        break;
-    default:
-        break; // the target keeps what its value was
-    }
+    take_value(target, source);
     return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "../guard.h"
 #include "../where.h"
+#include "tag_words.h"
 #include "tree.h"
 
 using namespace qv;
@@ -26,8 +28,12 @@ class path_segment
 {
   public:
     path_segment(const char *path, tag_compare compare)
-        : text_(path), length_(strcspn(path, ".")), compare_(compare), copy_(nullptr, QV_WHERE)
+        : text_(path), length_(by_words ? take_word(path) : 0), compare_(compare), copy_(nullptr, QV_WHERE)
     {
+        while (by_words && length_ >= word_size && path[length_] != '.' && path[length_] != '\0')
+            length_++;
+        if (!by_words)
+            length_ = strcspn(path, ".");
     }
     path_segment(const path_segment &) = delete;
     path_segment &operator=(const path_segment &) = delete;
@@ -55,11 +61,43 @@ class path_segment
         if (!tag)
             return false;
         if (compare_ == verify_tag)
-            return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
+            return equals(tag);
         return compare_ && make_copy() && compare_(copy_.get(), tag) == 0;
+    }
+    // The first child from `child` on whose tag can match, or null. Most tags differ in their first word.
+    clparse_node *skip(const clparse_node *container, clparse_node *child) const
+    {
+        if (!by_words || compare_ != verify_tag)
+            return child;
+        const uint64_t word = word_, mask = mask_;
+        while (child && child->tag && begins_a_word(child->tag) &&
+               ((aligned_word(child->tag) ^ word) & mask) != 0)
+            child = next_child(container, child);
+        return child;
     }
 
   private:
+    // Puts up to eight characters of the segment into the word. Returns how many.
+    size_t take_word(const char *path)
+    {
+        size_t length = 0;
+        for (; length < word_size && path[length] != '.' && path[length] != '\0'; length++)
+            word_ |= static_cast<uint64_t>(static_cast<unsigned char>(path[length])) << 8 * length;
+        if (length < word_size)
+            mask_ >>= 8 * (word_size - 1 - length);
+        return length;
+    }
+    bool equals(const char *tag) const
+    {
+        if (!by_words || !begins_a_word(tag))
+            return strncmp(tag, text_, length_) == 0 && tag[length_] == '\0';
+        if (((aligned_word(tag) ^ word_) & mask_) != 0)
+            return false;
+        for (size_t i = word_size; i < length_; i++)
+            if (tag[i] != text_[i])
+                return false;
+        return length_ < word_size || tag[length_] == '\0';
+    }
     bool make_copy()
     {
         if (!copy_.get())
@@ -71,6 +109,8 @@ class path_segment
         return true;
     }
 
+    uint64_t word_ = 0;            // the first characters
+    uint64_t mask_ = ~UINT64_C(0); // what they, and the NUL behind them, are of a tag's first word
     const char *text_;
     size_t length_;
     tag_compare compare_;
@@ -106,6 +146,8 @@ level_result search_level(clparse_node *container, path_segment &segment, int ty
     const unsigned long position = by_index ? segment.position() : 0;
     unsigned long at = 0;
     for (clparse_node *child = first_child(container); child; child = next_child(container, child), at++) {
+        if (!by_index && !(child = segment.skip(container, child)))
+            break;
         if (by_index ? at != position : !segment.matches(child->tag))
             continue;
         if (segment.is_last()) {
