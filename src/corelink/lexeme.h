@@ -54,37 +54,29 @@ inline lexeme string_lexeme(const char *text, const char *end)
     return {CLPARSE_TOKEN_STRING, text, found.at + 1, found.at, found.escapes};
 }
 
-// Marks what is neither letter nor digit.
-inline uint64_t places_behind_word(uint64_t word)
+// The end of a word.
+template <class block> const char *behind_word(const char *at, const char *end)
 {
-    const uint64_t low = word & ~every_place;
-    const uint64_t lower_case =
-        low | eight_of(0x20); // makes 0x7f of the underline, too, and nothing a letter
-    const uint64_t members =
-        places_between(lower_case, 'a', 'z') | places_between(low, '0', '9') | places_between(low, '_', '_');
-    return (~members | word) & every_place;
-}
-
-inline lexeme word_lexeme(const char *text, const char *end)
-{
-    const char *at = text;
-    bool boolean = false;
-    for (; by_words && end - at >= 8; at += 8) {
-        const uint64_t word = load_word(at);
-        const uint64_t behind = places_behind_word(word);
-        if (behind == 0)
-            continue;
-        const uint64_t members = word & (((behind & -behind) >> 7) - 1);
-        boolean = at == text && (members == word_of("true") || members == word_of("false"));
-        at += first_place(behind);
-        return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
-    }
+    for (; by_words && end - at >= block::size; at += block::size)
+        if (const auto behind = block(at).places_behind_word())
+            return at + first_place_in<block>(behind);
     // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): a NUL ends what has been read
     while (is_class(*at, letter | digit))
         at++;
-    const auto length = at - text;
-    boolean = (length == 4 && memcmp(text, "true", 4) == 0) || (length == 5 && memcmp(text, "false", 5) == 0);
-    return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
+    return at;
+}
+
+inline bool is_boolean(const char *text, const char *after)
+{
+    return (after - text == 4 && memcmp(text, "true", 4) == 0) ||
+           (after - text == 5 && memcmp(text, "false", 5) == 0);
+}
+
+template <class block = text_block> lexeme word_lexeme(const char *text, const char *end)
+{
+    const char *const after = behind_word<block>(text, end);
+    return {is_boolean(text, after) ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, after, after,
+            0};
 }
 
 // How many of a word's first seven characters are decimal digits.

@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <qvlib/memcheck.h>
 #include <qvlib/scanner.h>
 
 #include "lexeme.h"
@@ -50,6 +53,35 @@ struct token_scanner {
         return buffers ? buffers[top] : nullptr;
     }
 };
+
+inline char *allocate_text(size_t length)
+{
+    return static_cast<char *>(qv_memcheck_malloc(malloc, length + 1, "yylex", __LINE__));
+}
+
+// A tracked copy; null when memory is short.
+inline char *copy_word(const char *text, size_t length)
+{
+    char *copy = allocate_text(length);
+    if (copy) {
+        memcpy(copy, text, length);
+        copy[length] = '\0';
+    }
+    return copy;
+}
+
+// The same of what stands between a string's quotes, where `escapes` pairs stand for one character.
+inline char *copy_string(const char *text, size_t length, size_t escapes)
+{
+    if (escapes == 0)
+        return copy_word(text, length);
+    char *copy = allocate_text(length - escapes);
+    if (copy) {
+        unescape<text_block>(copy, copy + (length - escapes), text, text + length);
+        copy[length - escapes] = '\0';
+    }
+    return copy;
+}
 
 // Reads a token that is no punctuation.
 int read_longer_token(token_scanner *scanner, clparse_token *value);

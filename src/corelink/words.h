@@ -30,15 +30,6 @@ constexpr uint64_t eight_of(char c)
     return every_one * static_cast<unsigned char>(c);
 }
 
-// The word of a text of up to eight characters, behind which zeros follow.
-constexpr uint64_t word_of(const char *text)
-{
-    uint64_t word = 0;
-    for (int bit = 0; *text; bit += 8)
-        word |= static_cast<uint64_t>(static_cast<unsigned char>(*text++)) << bit;
-    return word;
-}
-
 inline uint64_t load_word(const char *text)
 {
     uint64_t word;
@@ -68,6 +59,17 @@ inline uint64_t places_between(uint64_t word, char first, char last)
            ~(word + eight_of(static_cast<char>(0x7f - last))) & every_place;
 }
 
+// Marks what is neither letter nor digit.
+inline uint64_t places_behind_word(uint64_t word)
+{
+    const uint64_t low = word & ~every_place;
+    const uint64_t lower_case =
+        low | eight_of(0x20); // makes 0x7f of the underline, too, and nothing a letter
+    const uint64_t members =
+        places_between(lower_case, 'a', 'z') | places_between(low, '0', '9') | places_between(low, '_', '_');
+    return (~members | word) & every_place;
+}
+
 inline int first_place(uint64_t places)
 {
     return __builtin_ctzll(places) / 8;
@@ -86,6 +88,11 @@ struct word_block {
     {
         const uint64_t differences = word ^ eight_of(c);
         return ~(((differences & ~every_place) + ~every_place) | differences) & every_place;
+    }
+    // Those that are neither letter nor digit.
+    places places_behind_word() const
+    {
+        return qv::places_behind_word(word);
     }
     void store(char *to) const
     {
@@ -107,12 +114,30 @@ struct vector_block {
     {
         return static_cast<places>(_mm_movemask_epi8(_mm_cmpeq_epi8(vector, _mm_set1_epi8(c))));
     }
+    places places_behind_word() const
+    {
+        const __m128i letters = count_from(_mm_or_si128(vector, _mm_set1_epi8(0x20)), 'a');
+        const __m128i members =
+            _mm_or_si128(_mm_or_si128(at_most(letters, 'z' - 'a'), at_most(count_from(vector, '0'), 9)),
+                         _mm_cmpeq_epi8(vector, _mm_set1_epi8('_')));
+        return static_cast<places>(_mm_movemask_epi8(members)) ^ 0xffff;
+    }
     void store(char *to) const
     {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(to), vector);
     }
 
     __m128i vector;
+
+  private:
+    static __m128i count_from(__m128i characters, char first)
+    {
+        return _mm_sub_epi8(characters, _mm_set1_epi8(first));
+    }
+    static __m128i at_most(__m128i numbers, char limit)
+    {
+        return _mm_cmpeq_epi8(_mm_min_epu8(numbers, _mm_set1_epi8(limit)), numbers);
+    }
 };
 using text_block = vector_block;
 #else
