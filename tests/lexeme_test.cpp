@@ -69,6 +69,19 @@ TYPED_TEST(WordLexeme, EndsBehindTheLastLetterOrDigit)
     }
 }
 
+TEST(CopyShort, CopiesAsManyCharactersAsAreToBeCopied)
+{
+    const std::string text = "abcdefghijklmnopqrstuvwxyz";
+    for (size_t length = 0; length <= text.size(); length++) {
+        guarded_bytes from(std::string_view(text).substr(0, length)), to(length);
+        qv::copy_short(to.text(), from.text(), length);
+        ASSERT_EQ(to.view(), text.substr(0, length));
+        std::string around(length + 1, '#');
+        qv::copy_short(around.data(), text.data(), length);
+        ASSERT_EQ(around, text.substr(0, length) + '#');
+    }
+}
+
 TEST(NumberLexeme, HasTheValueOfStrtoull)
 {
     for (int i = 0; i < rounds; i++) {

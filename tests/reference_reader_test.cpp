@@ -19,7 +19,9 @@
 #include <gtest/gtest.h>
 
 #include "machine.h"
+#include "memdebug.h"
 #include "reference/reference_reader.h"
+#include "tracked.h"
 
 namespace
 {
@@ -39,6 +41,10 @@ struct watched {
 };
 
 watched watch;
+
+// Without a session blocks would come straight from the C library. This one is not enabled, so that the
+// wrappers are called and do nothing more.
+qv::memdebug_session idle_session;
 
 } // namespace
 
@@ -90,6 +96,19 @@ void __wrap___qv_log(int level, const char *format, ...)
 
 namespace
 {
+
+void start_watching()
+{
+    watch = {};
+    watch.on = true;
+    qv::the_session = &idle_session;
+}
+
+void stop_watching()
+{
+    watch.on = false;
+    qv::the_session = nullptr;
+}
 
 // ---- Comparison
 
@@ -157,10 +176,9 @@ class tally
         reference::document expected;
         const int result = reference::read(text.c_str(), expected);
         results_[result]++;
-        watch = {};
-        watch.on = true;
+        start_watching();
         clparse_head *head = clparse_start(text.c_str());
-        watch.on = false;
+        stop_watching();
         if (result == 0) {
             ASSERT_NE(head, nullptr);
             ASSERT_EQ(head->cursor, nullptr);
@@ -204,11 +222,10 @@ class tally
                 yy_switch_to_buffer(yy_create_buffer(stream, 16, scanner), scanner);
             else
                 yy_scan_string(text.c_str(), scanner);
-            watch = {};
-            watch.on = true;
+            start_watching();
             ASSERT_EQ(clparse_init_head(&head), 0);
             ASSERT_EQ(yyparse(scanner, head), result);
-            watch.on = false;
+            stop_watching();
             last_tokens[streamed] = yyget_text(scanner);
             ASSERT_EQ(static_cast<size_t>(yyget_leng(scanner)), last_tokens[streamed].size());
             yylex_destroy(scanner);

@@ -241,7 +241,7 @@ parser::step parser::quick_items()
             at = behind_word<text_block>(text, end);
             if (!is_class(*text, letter) || at >= end || is_boolean(text, at))
                 return read_from(text, step::item);
-            char *const tag = copy_word(text, static_cast<size_t>(at - text));
+            char *const tag = copy_word(text, static_cast<size_t>(at - text), builder_.plain_allocator());
             const char *const sign = *at == ' ' ? at + 1 : at;
             if (!tag || *sign != '=') {
                 place_behind(text, at);
@@ -265,8 +265,9 @@ parser::step parser::quick_items()
             if (!contents.closed)
                 return read_value(text, symbols);
             at = contents.at + 1;
-            char *const string = copy_string(text + 1, static_cast<size_t>(contents.at - text - 1),
-                                             static_cast<size_t>(contents.escapes));
+            char *const string =
+                copy_string(text + 1, static_cast<size_t>(contents.at - text - 1),
+                            static_cast<size_t>(contents.escapes), builder_.plain_allocator());
             if (!string) {
                 place_behind(text, at);
                 return stop(syntax_error);
@@ -404,15 +405,14 @@ bool parser::complete(build_result added)
 // A head with an empty root and a cursor; null when memory is short.
 clparse_head *open_document()
 {
-    auto *head = static_cast<clparse_head *>(
-        qv_memcheck_malloc(qv_malloc, sizeof(clparse_head), "clparse_start", __LINE__));
+    auto *head = allocate_record_tracked<clparse_head>("clparse_start", __LINE__);
     if (!head)
         return nullptr;
     clparse_create_node(&head->root);
     head->root.type = CLPARSE_TYPE_STRUCT;
     head->root.tag = clparse_strdup("head", "clparse_start", __LINE__);
-    head->root.value.children = clparse_create_node(nullptr);
-    head->cursor = clparse_create_node(nullptr);
+    head->root.value.children = create_node(nullptr, malloc);
+    head->cursor = create_node(nullptr, malloc);
     if (head->root.tag && head->root.value.children && head->cursor) {
         head->cursor->parent = &head->root;
         head->scanner = nullptr;

@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <qvlib/memcheck.h>
 #include <qvlib/scanner.h>
 
+#include "../tracked.h"
 #include "lexeme.h"
 
 // One buffer of a scanner: a text in memory, or what was read of a stream so far.
@@ -54,28 +54,28 @@ struct token_scanner {
     }
 };
 
-inline char *allocate_text(size_t length)
+inline char *allocate_text(size_t length, allocator plain)
 {
-    return static_cast<char *>(qv_memcheck_malloc(malloc, length + 1, "yylex", __LINE__));
+    return static_cast<char *>(allocate_tracked(length + 1, "yylex", __LINE__, plain));
 }
 
 // A tracked copy; null when memory is short.
-inline char *copy_word(const char *text, size_t length)
+inline char *copy_word(const char *text, size_t length, allocator plain = malloc)
 {
-    char *copy = allocate_text(length);
+    char *copy = allocate_text(length, plain);
     if (copy) {
-        memcpy(copy, text, length);
+        copy_short(copy, text, length);
         copy[length] = '\0';
     }
     return copy;
 }
 
 // The same of what stands between a string's quotes, where `escapes` pairs stand for one character.
-inline char *copy_string(const char *text, size_t length, size_t escapes)
+inline char *copy_string(const char *text, size_t length, size_t escapes, allocator plain = malloc)
 {
     if (escapes == 0)
-        return copy_word(text, length);
-    char *copy = allocate_text(length - escapes);
+        return copy_word(text, length, plain);
+    char *copy = allocate_text(length - escapes, plain);
     if (copy) {
         unescape<text_block>(copy, copy + (length - escapes), text, text + length);
         copy[length - escapes] = '\0';

@@ -44,6 +44,24 @@ inline void store_word(char *to, uint64_t word)
     memcpy(to, &word, sizeof word);
 }
 
+// As memcpy, of what is mostly short: as its first and its last part, which may overlap.
+inline void copy_short(char *to, const char *text, size_t length)
+{
+    if (!by_words || length > 16) {
+        memcpy(to, text, length);
+    } else if (length >= 8) {
+        memcpy(to, text, 8);
+        memcpy(to + length - 8, text + length - 8, 8);
+    } else if (length >= 4) {
+        memcpy(to, text, 4);
+        memcpy(to + length - 4, text + length - 4, 4);
+    } else if (length > 0) {
+        to[0] = text[0];
+        to[length / 2] = text[length / 2];
+        to[length - 1] = text[length - 1];
+    }
+}
+
 // Where `c` stands in a word: marks its first place exactly, and places behind it perhaps wrongly. 0 when it
 // stands nowhere.
 inline uint64_t places_of(uint64_t word, char c)
