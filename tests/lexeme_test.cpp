@@ -158,6 +158,39 @@ TYPED_TEST(StringLexeme, IsUnescapedAsCharacterByCharacter)
     EXPECT_GT(closed, rounds / 10);
 }
 
+TYPED_TEST(StringLexeme, IsReadInOneGoAsInTwo)
+{
+    int closed = 0;
+    for (int i = 0; i < rounds; i++) {
+        const std::string text =
+            random_text(200, random_below(2) ? "abcdefghijklmn\\\"" : "abcdefghijklmnopqrs\\") + "\"" +
+            random_text(40, "abc");
+        guarded_bytes bytes = guarded(text);
+        const char *begin = bytes.text(), *end = begin + text.size();
+        const qv::contents_end expected = qv::find_closing_quote_slowly(begin, end, 0);
+        if (const char *quote = qv::find_plain_end<TypeParam>(begin, end)) {
+            ASSERT_EQ(quote, expected.at) << text;
+            ASSERT_GE(text.find('\\'), static_cast<size_t>(quote - begin)) << text;
+        }
+        guarded_bytes buffer(random_below(250));
+        const qv::read_contents found = qv::read_string<TypeParam>(begin, end, buffer.text(), buffer.size());
+        ASSERT_EQ(found.found.at, expected.at) << text;
+        ASSERT_EQ(found.found.closed, expected.closed) << text;
+        if (!expected.closed)
+            continue;
+        closed++;
+        ASSERT_EQ(found.found.escapes, expected.escapes) << text;
+        ASSERT_LE(found.length, buffer.size());
+        const auto size = static_cast<size_t>(expected.at - begin) - static_cast<size_t>(expected.escapes);
+        std::string whole(size, '\0'), joined(buffer.view().substr(0, found.length));
+        joined.resize(size);
+        qv::unescape_slowly(whole.data(), begin, expected.at);
+        qv::unescape_slowly(joined.data() + found.length, found.rest, expected.at);
+        ASSERT_EQ(joined, whole) << text;
+    }
+    EXPECT_GT(closed, rounds / 10);
+}
+
 TYPED_TEST(StringLexeme, IsEscapedAsCharacterByCharacter)
 {
     for (int i = 0; i < rounds; i++) {

@@ -226,6 +226,7 @@ parse_result parser::run()
 // below, which go on where the loop ends, as if they had read what stands before it.
 parser::step parser::quick_items()
 {
+    char unescaped[512]; // no more than a long string of a configuration has
     const char *at = scanner_->at;
     const char *const end = scanner_->end;
     if (!by_words || scanner_->lonely)
@@ -261,13 +262,19 @@ parser::step parser::quick_items()
             builder_.set_number(number.number);
             at = number.after;
         } else if (*text == '"') {
-            const contents_end contents = find_closing_quote<text_block>(text + 1, end);
-            if (!contents.closed)
-                return read_value(text, symbols);
-            at = contents.at + 1;
-            char *const string =
-                copy_string(text + 1, static_cast<size_t>(contents.at - text - 1),
-                            static_cast<size_t>(contents.escapes), builder_.plain_allocator());
+            char *string = nullptr;
+            if (const char *const quote = find_plain_end<text_block>(text + 1, end)) {
+                at = quote + 1;
+                string =
+                    copy_word(text + 1, static_cast<size_t>(quote - text - 1), builder_.plain_allocator());
+            } else {
+                const read_contents contents =
+                    read_string<text_block>(text + 1, end, unescaped, sizeof unescaped);
+                if (!contents.found.closed)
+                    return read_value(text, symbols);
+                at = contents.found.at + 1;
+                string = copy_string(text + 1, contents, unescaped, builder_.plain_allocator());
+            }
             if (!string) {
                 place_behind(text, at);
                 return stop(syntax_error);

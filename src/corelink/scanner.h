@@ -83,6 +83,22 @@ inline char *copy_string(const char *text, size_t length, size_t escapes, alloca
     return copy;
 }
 
+// The same of what read_string read from `text`, with the buffer that it wrote to.
+inline char *copy_string(const char *text, const read_contents &contents, const char *buffer, allocator plain)
+{
+    const auto escapes = static_cast<size_t>(contents.found.escapes);
+    const size_t length = static_cast<size_t>(contents.found.at - text) - escapes;
+    if (escapes == 0)
+        return copy_word(text, length, plain);
+    char *copy = allocate_text(length, plain);
+    if (copy) {
+        memcpy(copy, buffer, contents.length);
+        unescape<text_block>(copy + contents.length, copy + length, contents.rest, contents.found.at);
+        copy[length] = '\0';
+    }
+    return copy;
+}
+
 // Reads a token that is no punctuation.
 int read_longer_token(token_scanner *scanner, clparse_token *value);
 
