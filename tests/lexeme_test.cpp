@@ -202,6 +202,8 @@ TYPED_TEST(StringLexeme, IsEscapedAsCharacterByCharacter)
         guarded_bytes room(2 * text.size());
         const char *end = qv::escape_quotes<TypeParam>(room.text(), bytes.text(), bytes.text() + text.size());
         ASSERT_EQ(std::string(room.text(), static_cast<size_t>(end - room.text())), expected);
+        end = qv::escape_few_quotes<TypeParam>(room.text(), bytes.text(), text.size());
+        ASSERT_EQ(std::string(room.text(), static_cast<size_t>(end - room.text())), expected);
     }
 }
 

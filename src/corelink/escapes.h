@@ -198,4 +198,25 @@ template <class block> char *escape_quotes(char *to, const char *text, const cha
     return to;
 }
 
+// The same of what is mostly short and without quotes, which then is copied as its first and its last part.
+template <class block> char *escape_few_quotes(char *to, const char *text, size_t length)
+{
+    if (length >= 8 && length <= 16) {
+        const uint64_t first = load_word(text), last = load_word(text + length - 8);
+        if (!(places_of(first, '"') | places_of(last, '"'))) {
+            store_word(to, first);
+            store_word(to + length - 8, last);
+            return to + length;
+        }
+    } else if (length >= block::size && length <= 2 * block::size) {
+        const block first(text), last(text + length - block::size);
+        if (!(first.places_of('"') | last.places_of('"'))) {
+            first.store(to);
+            last.store(to + length - block::size);
+            return to + length;
+        }
+    }
+    return escape_quotes<block>(to, text, text + length);
+}
+
 } // namespace qv
