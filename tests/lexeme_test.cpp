@@ -82,7 +82,12 @@ TEST(CopyShort, CopiesAsManyCharactersAsAreToBeCopied)
     }
 }
 
-TEST(NumberLexeme, HasTheValueOfStrtoull)
+template <class block> class NumberLexeme : public testing::Test
+{
+};
+TYPED_TEST_SUITE(NumberLexeme, blocks);
+
+TYPED_TEST(NumberLexeme, HasTheValueOfStrtoull)
 {
     for (int i = 0; i < rounds; i++) {
         std::string text = std::to_string(generator() >> random_below(64));
@@ -93,7 +98,7 @@ TEST(NumberLexeme, HasTheValueOfStrtoull)
         text += random_text(20, ",=/:a ");
         guarded_bytes bytes = guarded(text);
         errno = 0;
-        const qv::lexeme found = qv::number_lexeme(bytes.text(), bytes.text() + text.size());
+        const qv::lexeme found = qv::number_lexeme<TypeParam>(bytes.text(), bytes.text() + text.size());
         const int found_errno = errno;
         const bool hexadecimal = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
         char *end = nullptr;

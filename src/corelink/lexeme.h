@@ -98,13 +98,51 @@ inline uint64_t number_of_digits(uint64_t word, int count)
            32;
 }
 
+constexpr uint32_t powers_of_ten[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+
+// The number that a decimal one's first digits write, as many as can't overflow. Returns behind them.
+template <class block> const char *read_digits(const char *at, const char *end, uint64_t &number)
+{
+    for (int part = 0, count = 7; by_words && part < 2 && count == 7 && end - at >= 8; part++, at += count) {
+        const uint64_t word = load_word(at);
+        count = leading_digits(word);
+        number = number * powers_of_ten[count] + number_of_digits(word, count);
+    }
+    return at;
+}
+
+#if defined(__SSE2__)
+// The number that eight digits write; zeros stand for those that are missing in front.
+inline uint64_t number_of_eight(uint64_t word)
+{
+    word = (word & eight_of(0x0f)) * (1 + (UINT64_C(10) << 8)) >> 8;
+    word = (word & UINT64_C(0x00ff00ff00ff00ff)) * (1 + (UINT64_C(100) << 16)) >> 16;
+    return (word & UINT64_C(0x0000ffff0000ffff)) * (1 + (UINT64_C(10000) << 32)) >> 32;
+}
+
+// All of them are counted at once.
+template <> inline const char *read_digits<vector_block>(const char *at, const char *end, uint64_t &number)
+{
+    if (end - at < vector_block::size)
+        return read_digits<word_block>(at, end, number);
+    const int count = vector_block(at).leading_digits(), behind_eight = count - 8;
+    if (behind_eight <= 0)
+        number = number_of_eight(load_word(at) << (-8 * behind_eight));
+    else
+        number = number_of_eight(load_word(at)) * powers_of_ten[behind_eight] +
+                 number_of_eight(load_word(at + 8) << (64 - 8 * behind_eight));
+    return at + count;
+}
+#endif
+
 inline unsigned int digit_value(char c)
 {
     return static_cast<unsigned int>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
 }
 
-// A number that is too large becomes the largest one, with the C library's errno for it.
-inline lexeme number_lexeme(const char *text, const char *end)
+// `text` begins with a digit. A number that is too large becomes the largest one, with the C library's errno
+// for it.
+template <class block = text_block> lexeme number_lexeme(const char *text, const char *end)
 {
     const char *at = text;
     unsigned int base = 10;
@@ -117,14 +155,7 @@ inline lexeme number_lexeme(const char *text, const char *end)
         base = 16;
         digits = hex_digit;
     } else {
-        // Fourteen digits can't overflow.
-        constexpr uint32_t powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
-        for (int part = 0, count = 7; by_words && part < 2 && count == 7 && end - at >= 8;
-             part++, at += count) {
-            const uint64_t word = load_word(at);
-            count = leading_digits(word);
-            number = number * powers[count] + number_of_digits(word, count);
-        }
+        at = read_digits<block>(at, end, number);
     }
     bool overflow = false;
     // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): a NUL ends what has been read

@@ -140,6 +140,11 @@ struct vector_block {
                          _mm_cmpeq_epi8(vector, _mm_set1_epi8('_')));
         return static_cast<places>(_mm_movemask_epi8(members)) ^ 0xffff;
     }
+    // How many of the first ones are decimal digits.
+    int leading_digits() const
+    {
+        return std::countr_one(static_cast<places>(_mm_movemask_epi8(at_most(count_from(vector, '0'), 9))));
+    }
     void store(char *to) const
     {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(to), vector);
