@@ -123,7 +123,7 @@ inline uint64_t number_of_eight(uint64_t word)
 // All of them are counted at once.
 template <> inline const char *read_digits<vector_block>(const char *at, const char *end, uint64_t &number)
 {
-    if (end - at < vector_block::size)
+    if (!by_words || end - at < vector_block::size)
         return read_digits<word_block>(at, end, number);
     const int count = vector_block(at).leading_digits(), behind_eight = count - 8;
     if (behind_eight <= 0)
