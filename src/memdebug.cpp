@@ -31,13 +31,16 @@
 
 #include "guard.h"
 #include "send_whole.h"
+#include "tracked.h"
 
 namespace qv
 {
+
+std::atomic<memdebug_session *> the_session;
+
 namespace
 {
 
-std::atomic<memdebug_session *> the_session;
 std::atomic<unsigned int> threads_inside;
 std::atomic<memdebug_session *> closed_sessions; // not freed yet
 

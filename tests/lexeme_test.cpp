@@ -42,10 +42,16 @@ guarded_bytes guarded(const std::string &text)
     return guarded_bytes(std::string_view(text.c_str(), text.size() + 1));
 }
 
-TEST(WordLexeme, EndsBehindTheLastLetterOrDigit)
+template <class block> class WordLexeme : public testing::Test
+{
+};
+using blocks = testing::Types<qv::text_block, qv::word_block>;
+TYPED_TEST_SUITE(WordLexeme, blocks);
+
+TYPED_TEST(WordLexeme, EndsBehindTheLastLetterOrDigit)
 {
     for (int i = 0; i < rounds; i++) {
-        std::string text = "a" + random_text(20, "azAZ_09mM5");
+        std::string text = "a" + random_text(40, "azAZ_09mM5");
         if (random_below(4) == 0)
             text = (random_below(2) ? "true" : "false") + random_text(10, "e_ ,");
         guarded_bytes bytes = guarded(text);
@@ -54,7 +60,7 @@ TEST(WordLexeme, EndsBehindTheLastLetterOrDigit)
         while (qv::is_class(begin[length], qv::letter | qv::digit))
             length++;
         const std::string word = text.substr(0, length);
-        const qv::lexeme found = qv::word_lexeme(begin, end);
+        const qv::lexeme found = qv::word_lexeme<TypeParam>(begin, end);
         ASSERT_EQ(found.after, begin + length) << text;
         ASSERT_EQ(found.looked, begin + length) << text;
         ASSERT_EQ(found.kind,
@@ -63,7 +69,25 @@ TEST(WordLexeme, EndsBehindTheLastLetterOrDigit)
     }
 }
 
-TEST(NumberLexeme, HasTheValueOfStrtoull)
+TEST(CopyShort, CopiesAsManyCharactersAsAreToBeCopied)
+{
+    const std::string text = "abcdefghijklmnopqrstuvwxyz";
+    for (size_t length = 0; length <= text.size(); length++) {
+        guarded_bytes from(std::string_view(text).substr(0, length)), to(length);
+        qv::copy_short(to.text(), from.text(), length);
+        ASSERT_EQ(to.view(), text.substr(0, length));
+        std::string around(length + 1, '#');
+        qv::copy_short(around.data(), text.data(), length);
+        ASSERT_EQ(around, text.substr(0, length) + '#');
+    }
+}
+
+template <class block> class NumberLexeme : public testing::Test
+{
+};
+TYPED_TEST_SUITE(NumberLexeme, blocks);
+
+TYPED_TEST(NumberLexeme, HasTheValueOfStrtoull)
 {
     for (int i = 0; i < rounds; i++) {
         std::string text = std::to_string(generator() >> random_below(64));
@@ -74,7 +98,7 @@ TEST(NumberLexeme, HasTheValueOfStrtoull)
         text += random_text(20, ",=/:a ");
         guarded_bytes bytes = guarded(text);
         errno = 0;
-        const qv::lexeme found = qv::number_lexeme(bytes.text(), bytes.text() + text.size());
+        const qv::lexeme found = qv::number_lexeme<TypeParam>(bytes.text(), bytes.text() + text.size());
         const int found_errno = errno;
         const bool hexadecimal = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
         char *end = nullptr;
@@ -100,7 +124,6 @@ TEST(SkipBlanks, EndsAtTheFirstOtherCharacter)
 template <class block> class StringLexeme : public testing::Test
 {
 };
-using blocks = testing::Types<qv::text_block, qv::word_block>;
 TYPED_TEST_SUITE(StringLexeme, blocks);
 
 TYPED_TEST(StringLexeme, EndsWhereItEndsCharacterByCharacter)
@@ -140,6 +163,39 @@ TYPED_TEST(StringLexeme, IsUnescapedAsCharacterByCharacter)
     EXPECT_GT(closed, rounds / 10);
 }
 
+TYPED_TEST(StringLexeme, IsReadInOneGoAsInTwo)
+{
+    int closed = 0;
+    for (int i = 0; i < rounds; i++) {
+        const std::string text =
+            random_text(200, random_below(2) ? "abcdefghijklmn\\\"" : "abcdefghijklmnopqrs\\") + "\"" +
+            random_text(40, "abc");
+        guarded_bytes bytes = guarded(text);
+        const char *begin = bytes.text(), *end = begin + text.size();
+        const qv::contents_end expected = qv::find_closing_quote_slowly(begin, end, 0);
+        if (const char *quote = qv::find_plain_end<TypeParam>(begin, end)) {
+            ASSERT_EQ(quote, expected.at) << text;
+            ASSERT_GE(text.find('\\'), static_cast<size_t>(quote - begin)) << text;
+        }
+        guarded_bytes buffer(random_below(250));
+        const qv::read_contents found = qv::read_string<TypeParam>(begin, end, buffer.text(), buffer.size());
+        ASSERT_EQ(found.found.at, expected.at) << text;
+        ASSERT_EQ(found.found.closed, expected.closed) << text;
+        if (!expected.closed)
+            continue;
+        closed++;
+        ASSERT_EQ(found.found.escapes, expected.escapes) << text;
+        ASSERT_LE(found.length, buffer.size());
+        const auto size = static_cast<size_t>(expected.at - begin) - static_cast<size_t>(expected.escapes);
+        std::string whole(size, '\0'), joined(buffer.view().substr(0, found.length));
+        joined.resize(size);
+        qv::unescape_slowly(whole.data(), begin, expected.at);
+        qv::unescape_slowly(joined.data() + found.length, found.rest, expected.at);
+        ASSERT_EQ(joined, whole) << text;
+    }
+    EXPECT_GT(closed, rounds / 10);
+}
+
 TYPED_TEST(StringLexeme, IsEscapedAsCharacterByCharacter)
 {
     for (int i = 0; i < rounds; i++) {
@@ -150,6 +206,8 @@ TYPED_TEST(StringLexeme, IsEscapedAsCharacterByCharacter)
         guarded_bytes bytes{std::string_view(text)};
         guarded_bytes room(2 * text.size());
         const char *end = qv::escape_quotes<TypeParam>(room.text(), bytes.text(), bytes.text() + text.size());
+        ASSERT_EQ(std::string(room.text(), static_cast<size_t>(end - room.text())), expected);
+        end = qv::escape_few_quotes<TypeParam>(room.text(), bytes.text(), text.size());
         ASSERT_EQ(std::string(room.text(), static_cast<size_t>(end - room.text())), expected);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <qvlib/corelink.h>
 #include <qvlib/memcheck.h>
+#include <qvlib/scanner.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -18,7 +19,9 @@
 #include <gtest/gtest.h>
 
 #include "machine.h"
+#include "memdebug.h"
 #include "reference/reference_reader.h"
+#include "tracked.h"
 
 namespace
 {
@@ -38,6 +41,10 @@ struct watched {
 };
 
 watched watch;
+
+// Without a session blocks would come straight from the C library. This one is not enabled, so that the
+// wrappers are called and do nothing more.
+qv::memdebug_session idle_session;
 
 } // namespace
 
@@ -89,6 +96,19 @@ void __wrap___qv_log(int level, const char *format, ...)
 
 namespace
 {
+
+void start_watching()
+{
+    watch = {};
+    watch.on = true;
+    qv::the_session = &idle_session;
+}
+
+void stop_watching()
+{
+    watch.on = false;
+    qv::the_session = nullptr;
+}
 
 // ---- Comparison
 
@@ -156,10 +176,9 @@ class tally
         reference::document expected;
         const int result = reference::read(text.c_str(), expected);
         results_[result]++;
-        watch = {};
-        watch.on = true;
+        start_watching();
         clparse_head *head = clparse_start(text.c_str());
-        watch.on = false;
+        stop_watching();
         if (result == 0) {
             ASSERT_NE(head, nullptr);
             ASSERT_EQ(head->cursor, nullptr);
@@ -181,6 +200,45 @@ class tally
         if (expected.live_texts > 0)
             expected_kept["yylex"] = expected.live_texts;
         ASSERT_EQ(kept, expected_kept);
+    }
+
+    // The same from a buffer in memory and from a stream in pieces, which must show the same last token, too.
+    void compare_scanners(std::string text)
+    {
+        if (text.empty())
+            text = " ";
+        SCOPED_TRACE(text);
+        reference::document expected;
+        const int result = reference::read(text.c_str(), expected);
+        results_[result]++;
+        FILE *stream = fmemopen(text.data(), text.size(), "r");
+        ASSERT_NE(stream, nullptr);
+        std::string last_tokens[2];
+        for (const bool streamed : {false, true}) {
+            clparse_head *head = nullptr;
+            void *scanner = nullptr;
+            ASSERT_EQ(yylex_init(&scanner), 0);
+            if (streamed)
+                yy_switch_to_buffer(yy_create_buffer(stream, 16, scanner), scanner);
+            else
+                yy_scan_string(text.c_str(), scanner);
+            start_watching();
+            ASSERT_EQ(clparse_init_head(&head), 0);
+            ASSERT_EQ(yyparse(scanner, head), result);
+            stop_watching();
+            last_tokens[streamed] = yyget_text(scanner);
+            ASSERT_EQ(static_cast<size_t>(yyget_leng(scanner)), last_tokens[streamed].size());
+            yylex_destroy(scanner);
+            if (result == 0) {
+                ASSERT_NO_FATAL_FAILURE(expect_equal(clparse_get_head(head), expected.root));
+                clparse_stop(head);
+            } else {
+                for (const auto &[block, func] : watch.blocks)
+                    free(block);
+            }
+        }
+        ASSERT_EQ(last_tokens[0], last_tokens[1]);
+        fclose(stream);
     }
 
     int operator[](int result) const
@@ -214,6 +272,8 @@ class text_maker
         if (below(200) == 0)
             budget_ = 300; // containers that get an index
         members();
+        if (below(2))
+            text_.append(below(80), ' '); // whole blocks of characters behind all tokens
         return text_;
     }
 
@@ -301,7 +361,8 @@ class text_maker
 
     void tag()
     {
-        static const char *const few[] = {"a", "b", "_c", "D4", "trueness", "false_x"};
+        static const char *const few[] = {"a",        "b",       "_c",       "D4",
+                                          "trueness", "false_x", "counters", "longer_than_a_block"};
         text_ += few[below(std::size(few))];
         if (budget_ > 20)
             text_ += std::to_string(below(60));
@@ -396,6 +457,16 @@ TEST(Reader, AgreesWithItsReferenceOnRandomTexts)
     RecordProperty("texts", text_count);
     EXPECT_GT(results[0], text_count / 4);
     EXPECT_GT(results[1], text_count / 4);
+}
+
+TEST(Reader, AgreesWithItsReferenceOnTextsThatComeInPieces)
+{
+    text_maker maker(3);
+    tally results;
+    for (int i = 0; i < text_count / 20 && !HasFatalFailure(); i++)
+        results.compare_scanners(maker.below(2) ? maker.valid() : maker.damaged());
+    EXPECT_GT(results[0], text_count / 80);
+    EXPECT_GT(results[1], text_count / 80);
 }
 
 TEST(Reader, AgreesWithItsReferenceWhereTheStackEnds)

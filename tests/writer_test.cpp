@@ -579,6 +579,47 @@ TEST(Writers, WriteTagsOfAnyLength)
     }
 }
 
+TEST(Writers, WriteTagsAndStringsOfAnyLengthsTogether)
+{
+    std::mt19937 random(3);
+    for (int i = 0; i < 2000; i++) {
+        const std::string tag(1 + random() % 90, 'a');
+        std::string value(random() % 90, 'x'), escaped;
+        if (random() % 2)
+            for (char &c : value)
+                c = random() % 4 ? 'x' : '"';
+        for (const char c : value)
+            escaped.append(c == '"' ? "\\" : "").append(1, c);
+        const head_ptr head = empty_tree();
+        clparse_node *root = clparse_get_head(head.get());
+        clparse_node *inner = clparse_append_new_struct("s", root);
+        for (clparse_node *parent : {root, inner, inner}) {
+            ASSERT_EQ(clparse_append_child(parent, clparse_create_string_node(tag.c_str(), value.c_str())),
+                      0);
+            ASSERT_EQ(clparse_append_child(parent, clparse_create_number_node("n", random())), 0);
+        }
+        const auto written = [&](const std::string &quote, const std::string &sign, bool paths) {
+            const auto members = [&](const clparse_node *parent, const std::string &prefix,
+                                     std::string made) {
+                for (const clparse_node *child = parent->value.children->next;
+                     child != parent->value.children; child = child->next) {
+                    if (child->type == CLPARSE_TYPE_STRUCT)
+                        continue;
+                    made += (made.empty() ? "" : ",") + prefix + quote + child->tag + quote + sign;
+                    made += child->type == CLPARSE_TYPE_NUMBER ? std::to_string(child->value.num)
+                                                               : '"' + escaped + '"';
+                }
+                return made;
+            };
+            const std::string below = members(inner, paths ? "s." : "", "");
+            return members(root, "", paths ? below : quote + "s" + quote + sign + "{" + below + "}");
+        };
+        ASSERT_EQ(json_of(head), written("\"", ":", false));
+        ASSERT_EQ(corelink_of(head), written("", "=", false));
+        ASSERT_EQ(corelink_of(head, 1), written("", "=", true));
+    }
+}
+
 TEST(ClparseGetXml, EscapesInAStringOfAnyLength)
 {
     for (size_t length = 60; length < 70; length++) {

@@ -6,8 +6,7 @@
 #include <cstring>
 #include <new>
 
-#include <qvlib/memcheck.h>
-
+#include "../tracked.h"
 #include "../where.h"
 #include "tag_hash.h"
 #include "tree.h"
@@ -134,7 +133,7 @@ clparse_node *walk_back(clparse_node *from, const clparse_node *sentinel, const 
 void free_cursor(clparse_node *cursor)
 {
     if (cursor)
-        qv_memcheck_free(qv_free, cursor, QV_WHERE);
+        release_tracked(cursor, QV_WHERE);
 }
 
 tree_builder::~tree_builder()

@@ -49,7 +49,7 @@ class tree_builder
     build_result open()
     {
         clparse_node *container = head_->cursor;
-        container->value.children = clparse_create_node(nullptr);
+        container->value.children = make_record(nullptr);
         return container->value.children ? next_cursor(container) : build_result::out_of_memory;
     }
 
@@ -85,12 +85,26 @@ class tree_builder
         head_->cursor->parent = head_->cursor->parent->parent;
     }
 
+    // For records and texts.
+    allocator plain_allocator() const
+    {
+        return plain_;
+    }
+
   private:
     class container_index;
 
+    clparse_node *make_record(clparse_node *spare)
+    {
+        constexpr unsigned int many = 8192;
+        if (!small_code && ++records_ == many)
+            plain_ = allocate_in_order;
+        return create_node(spare, plain_);
+    }
+
     build_result next_cursor(clparse_node *parent)
     {
-        clparse_node *cursor = clparse_create_node(spare_);
+        clparse_node *cursor = make_record(spare_);
         spare_ = nullptr;
         if (!cursor)
             return build_result::out_of_memory;
@@ -108,6 +122,8 @@ class tree_builder
     clparse_head *head_;
     clparse_node *spare_ = nullptr;
     container_index *indexes_ = nullptr;
+    unsigned int records_ = 0; // made or used again
+    allocator plain_ = malloc;
 };
 
 } // namespace qv

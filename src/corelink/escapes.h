@@ -58,6 +58,20 @@ template <class block> contents_end find_closing_quote(const char *at, const cha
     return find_closing_quote_slowly(at, end, escapes);
 }
 
+// The closing quote of contents without a backslash; null when there is one, or the text is too short to
+// tell.
+template <class block> const char *find_plain_end(const char *at, const char *end)
+{
+    for (; end - at >= block::size; at += block::size) {
+        const block characters(at);
+        if (const auto marks = characters.places_of('"') | characters.places_of('\\')) {
+            at += first_place_in<block>(marks);
+            return *at == '"' ? at : nullptr;
+        }
+    }
+    return nullptr;
+}
+
 // Undoes escaped quotes and backslashes in a string's contents; every other pair stays as it is written.
 // Writes what fits between `to` and `to_end`, which is all.
 inline void unescape_slowly(char *to, const char *text, const char *end)
@@ -101,6 +115,54 @@ template <class block> void unescape(char *to, const char *to_end, const char *t
     unescape_slowly(to, text, end);
 }
 
+// Both in one go: the end of a string's contents, and their beginning without escapes in front of what is
+// left of a buffer. What did not fit in whole blocks is to be unescaped from `rest` on.
+struct read_contents {
+    contents_end found;
+    const char *rest;
+    size_t length; // of what was unescaped
+};
+
+template <class block> read_contents read_string(const char *text, const char *end, char *buffer, size_t size)
+{
+    using places = typename block::places;
+    uint64_t escapes = 0;
+    char *to = buffer;
+    while (by_words && end - text >= 2 * block::size && buffer + size - to >= 2 * block::size) {
+        const block characters(text);
+        const places quotes = characters.places_of('"'), marks = quotes | characters.places_of('\\');
+        int from = 0, step = block::size;
+        for (places left = marks; left != 0;) {
+            const places first = left & -left, second = first << block::bits_per_place;
+            const int place = first_place_in<block>(first);
+            if (quotes & first) {
+                block(text + from).store(to);
+                to += place - from;
+                return {{text + place, true, escapes}, text + place, static_cast<size_t>(to - buffer)};
+            }
+            if (place == block::size - 1) {
+                step = place;
+                break;
+            }
+            if (text[place + 1] == '\n')
+                return {{text + place + 1, false, 0}, text, 0};
+            if (marks & second) {
+                block(text + from).store(to);
+                to += place - from;
+                from = place + 1;
+                escapes++;
+            }
+            left &= ~(first | second);
+        }
+        block(text + from).store(to);
+        to += step - from;
+        text += step;
+    }
+    contents_end found = find_closing_quote<block>(text, end);
+    found.escapes += escapes;
+    return {found, text, static_cast<size_t>(to - buffer)};
+}
+
 // Copies a text; each quote in it gets a backslash. There is room for nothing but quotes. Returns behind the
 // copy.
 template <class block> char *escape_quotes(char *to, const char *text, const char *end)
@@ -134,6 +196,27 @@ template <class block> char *escape_quotes(char *to, const char *text, const cha
         }
     }
     return to;
+}
+
+// The same of what is mostly short and without quotes, which then is copied as its first and its last part.
+template <class block> char *escape_few_quotes(char *to, const char *text, size_t length)
+{
+    if (length >= 8 && length <= 16) {
+        const uint64_t first = load_word(text), last = load_word(text + length - 8);
+        if (!(places_of(first, '"') | places_of(last, '"'))) {
+            store_word(to, first);
+            store_word(to + length - 8, last);
+            return to + length;
+        }
+    } else if (length >= block::size && length <= 2 * block::size) {
+        const block first(text), last(text + length - block::size);
+        if (!(first.places_of('"') | last.places_of('"'))) {
+            first.store(to);
+            last.store(to + length - block::size);
+            return to + length;
+        }
+    }
+    return escape_quotes<block>(to, text, text + length);
 }
 
 } // namespace qv

@@ -54,37 +54,29 @@ inline lexeme string_lexeme(const char *text, const char *end)
     return {CLPARSE_TOKEN_STRING, text, found.at + 1, found.at, found.escapes};
 }
 
-// Marks what is neither letter nor digit.
-inline uint64_t places_behind_word(uint64_t word)
+// The end of a word.
+template <class block> const char *behind_word(const char *at, const char *end)
 {
-    const uint64_t low = word & ~every_place;
-    const uint64_t lower_case =
-        low | eight_of(0x20); // makes 0x7f of the underline, too, and nothing a letter
-    const uint64_t members =
-        places_between(lower_case, 'a', 'z') | places_between(low, '0', '9') | places_between(low, '_', '_');
-    return (~members | word) & every_place;
-}
-
-inline lexeme word_lexeme(const char *text, const char *end)
-{
-    const char *at = text;
-    bool boolean = false;
-    for (; by_words && end - at >= 8; at += 8) {
-        const uint64_t word = load_word(at);
-        const uint64_t behind = places_behind_word(word);
-        if (behind == 0)
-            continue;
-        const uint64_t members = word & (((behind & -behind) >> 7) - 1);
-        boolean = at == text && (members == word_of("true") || members == word_of("false"));
-        at += first_place(behind);
-        return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
-    }
+    for (; by_words && end - at >= block::size; at += block::size)
+        if (const auto behind = block(at).places_behind_word())
+            return at + first_place_in<block>(behind);
     // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): a NUL ends what has been read
     while (is_class(*at, letter | digit))
         at++;
-    const auto length = at - text;
-    boolean = (length == 4 && memcmp(text, "true", 4) == 0) || (length == 5 && memcmp(text, "false", 5) == 0);
-    return {boolean ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, at, at, 0};
+    return at;
+}
+
+inline bool is_boolean(const char *text, const char *after)
+{
+    return (after - text == 4 && memcmp(text, "true", 4) == 0) ||
+           (after - text == 5 && memcmp(text, "false", 5) == 0);
+}
+
+template <class block = text_block> lexeme word_lexeme(const char *text, const char *end)
+{
+    const char *const after = behind_word<block>(text, end);
+    return {is_boolean(text, after) ? CLPARSE_TOKEN_BOOLEAN : CLPARSE_TOKEN_IDENTIFIER, text, after, after,
+            0};
 }
 
 // How many of a word's first seven characters are decimal digits.
@@ -106,13 +98,51 @@ inline uint64_t number_of_digits(uint64_t word, int count)
            32;
 }
 
+constexpr uint32_t powers_of_ten[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+
+// The number that a decimal one's first digits write, as many as can't overflow. Returns behind them.
+template <class block> const char *read_digits(const char *at, const char *end, uint64_t &number)
+{
+    for (int part = 0, count = 7; by_words && part < 2 && count == 7 && end - at >= 8; part++, at += count) {
+        const uint64_t word = load_word(at);
+        count = leading_digits(word);
+        number = number * powers_of_ten[count] + number_of_digits(word, count);
+    }
+    return at;
+}
+
+#if defined(__SSE2__)
+// The number that eight digits write; zeros stand for those that are missing in front.
+inline uint64_t number_of_eight(uint64_t word)
+{
+    word = (word & eight_of(0x0f)) * (1 + (UINT64_C(10) << 8)) >> 8;
+    word = (word & UINT64_C(0x00ff00ff00ff00ff)) * (1 + (UINT64_C(100) << 16)) >> 16;
+    return (word & UINT64_C(0x0000ffff0000ffff)) * (1 + (UINT64_C(10000) << 32)) >> 32;
+}
+
+// All of them are counted at once.
+template <> inline const char *read_digits<vector_block>(const char *at, const char *end, uint64_t &number)
+{
+    if (!by_words || end - at < vector_block::size)
+        return read_digits<word_block>(at, end, number);
+    const int count = vector_block(at).leading_digits(), behind_eight = count - 8;
+    if (behind_eight <= 0)
+        number = number_of_eight(load_word(at) << (-8 * behind_eight));
+    else
+        number = number_of_eight(load_word(at)) * powers_of_ten[behind_eight] +
+                 number_of_eight(load_word(at + 8) << (64 - 8 * behind_eight));
+    return at + count;
+}
+#endif
+
 inline unsigned int digit_value(char c)
 {
     return static_cast<unsigned int>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
 }
 
-// A number that is too large becomes the largest one, with the C library's errno for it.
-inline lexeme number_lexeme(const char *text, const char *end)
+// `text` begins with a digit. A number that is too large becomes the largest one, with the C library's errno
+// for it.
+template <class block = text_block> lexeme number_lexeme(const char *text, const char *end)
 {
     const char *at = text;
     unsigned int base = 10;
@@ -125,14 +155,7 @@ inline lexeme number_lexeme(const char *text, const char *end)
         base = 16;
         digits = hex_digit;
     } else {
-        // Fourteen digits can't overflow.
-        constexpr uint32_t powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
-        for (int part = 0, count = 7; by_words && part < 2 && count == 7 && end - at >= 8;
-             part++, at += count) {
-            const uint64_t word = load_word(at);
-            count = leading_digits(word);
-            number = number * powers[count] + number_of_digits(word, count);
-        }
+        at = read_digits<block>(at, end, number);
     }
     bool overflow = false;
     // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): a NUL ends what has been read

@@ -55,6 +55,15 @@ class parser_stack
     {
         return ++used_ < room_ || grow();
     }
+    // Whether as many more can be counted without a look at the room.
+    bool has_room_for(unsigned int symbols) const
+    {
+        return used_ + symbols < room_;
+    }
+    void push_symbols(unsigned int symbols)
+    {
+        used_ += symbols;
+    }
     unsigned int symbols() const
     {
         return used_;
@@ -119,6 +128,7 @@ class parser
     // What comes next: an item of a list, the token behind an item, or the end of the parse.
     enum class step { item, item_end, stop };
 
+    step quick_items();
     step member();
     step value();
     step open(int end);
@@ -129,6 +139,24 @@ class parser
     void read_token()
     {
         token_ = qv::read_token(scanner_, &value_);
+    }
+    // Goes on behind a token that quick_items took from the text.
+    void place_behind(const char *text, const char *after)
+    {
+        scanner_->text = const_cast<char *>(text);
+        scanner_->length = static_cast<size_t>(after - text);
+        scanner_->at = const_cast<char *>(after);
+    }
+    step read_from(const char *at, step next)
+    {
+        scanner_->at = const_cast<char *>(at);
+        read_token();
+        return next;
+    }
+    step read_value(const char *at, unsigned int symbols)
+    {
+        stack_.push_symbols(symbols);
+        return read_from(at, step::item), value();
     }
     // Takes the token that was read. False after an error, as all below.
     bool take()
@@ -147,6 +175,19 @@ class parser
         yyerror(scanner_, head_, result == syntax_error ? "syntax error" : "memory exhausted");
         result_ = result;
         return false;
+    }
+    bool open_list(int end)
+    {
+        if (!built(builder_.open()))
+            return false;
+        stack_.push_list(list_);
+        list_ = {nullptr, 0, static_cast<unsigned short>(stack_.symbols()), static_cast<short>(end)};
+        return true;
+    }
+    void close_list()
+    {
+        builder_.close(list_.end == '}' ? CLPARSE_TYPE_STRUCT : CLPARSE_TYPE_ARRAY);
+        list_ = stack_.pop_list();
     }
     bool built(build_result result)
     {
@@ -171,14 +212,110 @@ class parser
 
 parse_result parser::run()
 {
-    read_token();
-    for (step next = step::item; next != step::stop;) {
+    for (step next = quick_items(); next != step::stop;) {
         if (next == step::item_end)
             next = item_end();
         else
             next = list_.end == ']' ? value() : member();
     }
     return result_;
+}
+
+// Items in their common shapes, TAG=VALUE and VALUE, whose tokens are taken from the text in one loop. What
+// comes in another shape, touches the end of the text or does not fit the stack is left to the functions
+// below, which go on where the loop ends, as if they had read what stands before it.
+parser::step parser::quick_items()
+{
+    char unescaped[512]; // no more than a long string of a configuration has
+    const char *at = scanner_->at;
+    const char *const end = scanner_->end;
+    if (!by_words || scanner_->lonely)
+        return read_from(at, step::item);
+    for (;;) {
+        at = skip_blanks(at, end);
+        // A tag, its sign, what opens a container and what closes it.
+        if (!stack_.has_room_for(4))
+            return read_from(at, step::item);
+        unsigned int symbols = 0;
+        if (list_.end != ']') {
+            const char *const text = at;
+            at = behind_word<text_block>(text, end);
+            if (!is_class(*text, letter) || at >= end || is_boolean(text, at))
+                return read_from(text, step::item);
+            char *const tag = copy_word(text, static_cast<size_t>(at - text), builder_.plain_allocator());
+            const char *const sign = *at == ' ' ? at + 1 : at;
+            if (!tag || *sign != '=') {
+                place_behind(text, at);
+                token_ = tag ? CLPARSE_TOKEN_IDENTIFIER : CLPARSE_TOKEN_INVALID;
+                value_.str = tag;
+                return step::item;
+            }
+            list_.tag = tag;
+            symbols = 2;
+            at = sign[1] == ' ' ? sign + 2 : sign + 1;
+        }
+        const char *text = at;
+        if (is_class(*text, digit)) {
+            const lexeme number = number_lexeme(text, end);
+            if (number.looked >= end)
+                return read_value(text, symbols);
+            builder_.set_number(number.number);
+            at = number.after;
+        } else if (*text == '"') {
+            char *string = nullptr;
+            if (const char *const quote = find_plain_end<text_block>(text + 1, end)) {
+                at = quote + 1;
+                string =
+                    copy_word(text + 1, static_cast<size_t>(quote - text - 1), builder_.plain_allocator());
+            } else {
+                const read_contents contents =
+                    read_string<text_block>(text + 1, end, unescaped, sizeof unescaped);
+                if (!contents.found.closed)
+                    return read_value(text, symbols);
+                at = contents.found.at + 1;
+                string = copy_string(text + 1, contents, unescaped, builder_.plain_allocator());
+            }
+            if (!string) {
+                place_behind(text, at);
+                return stop(syntax_error);
+            }
+            builder_.set_string(string);
+        } else if (*text == '{' || *text == '[') {
+            at = text + 1;
+            stack_.push_symbols(symbols + 1);
+            if (!open_list(*text == '{' ? '}' : ']')) {
+                place_behind(text, at);
+                return step::stop;
+            }
+            at = skip_blanks(at, end);
+            if (at < end && *at != list_.end)
+                continue;
+            read_from(at, step::item);
+            return token_ == list_.end ? close() : step::item;
+        } else {
+            at = behind_word<text_block>(text, end);
+            if (at >= end || !is_boolean(text, at))
+                return read_value(text, symbols);
+            builder_.set_boolean(*text == 't');
+        }
+        for (;;) {
+            if (!complete(builder_.add(list_.tag))) {
+                place_behind(text, at);
+                return step::stop;
+            }
+            if (*at == ',')
+                break;
+            at = skip_blanks(at, end);
+            if (*at == ',')
+                break;
+            if (*at == '\0' || *at != list_.end)
+                return read_from(at, step::item_end);
+            text = at++;
+            close_list();
+        }
+        at++;
+        stack_.push_symbols(1);
+    }
 }
 
 // A member, but of a container as value only what opens it.
@@ -234,10 +371,8 @@ parser::step parser::value()
 // A container's first token; its list is the current one from here on.
 parser::step parser::open(int end)
 {
-    if (!take() || !built(builder_.open()))
+    if (!take() || !open_list(end))
         return step::stop;
-    stack_.push_list(list_);
-    list_ = {nullptr, 0, static_cast<unsigned short>(stack_.symbols()), static_cast<short>(end)};
     read_token();
     return token_ == end ? close() : step::item;
 }
@@ -248,7 +383,7 @@ parser::step parser::item_end()
         return close();
     if (token_ != ',')
         return stop(syntax_error);
-    return take_and_read() ? step::item : step::stop;
+    return take() ? quick_items() : step::stop;
 }
 
 // The end of a list, and with it the item that it is the value of.
@@ -256,8 +391,7 @@ parser::step parser::close()
 {
     if (list_.end == CLPARSE_TOKEN_END || !take())
         return step::stop;
-    builder_.close(list_.end == '}' ? CLPARSE_TYPE_STRUCT : CLPARSE_TYPE_ARRAY);
-    list_ = stack_.pop_list();
+    close_list();
     if (!complete(builder_.add(list_.tag)))
         return step::stop;
     read_token();
@@ -278,15 +412,14 @@ bool parser::complete(build_result added)
 // A head with an empty root and a cursor; null when memory is short.
 clparse_head *open_document()
 {
-    auto *head = static_cast<clparse_head *>(
-        qv_memcheck_malloc(qv_malloc, sizeof(clparse_head), "clparse_start", __LINE__));
+    auto *head = allocate_record_tracked<clparse_head>("clparse_start", __LINE__);
     if (!head)
         return nullptr;
     clparse_create_node(&head->root);
     head->root.type = CLPARSE_TYPE_STRUCT;
     head->root.tag = clparse_strdup("head", "clparse_start", __LINE__);
-    head->root.value.children = clparse_create_node(nullptr);
-    head->cursor = clparse_create_node(nullptr);
+    head->root.value.children = create_node(nullptr, malloc);
+    head->cursor = create_node(nullptr, malloc);
     if (head->root.tag && head->root.value.children && head->cursor) {
         head->cursor->parent = &head->root;
         head->scanner = nullptr;

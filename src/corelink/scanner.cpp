@@ -38,35 +38,6 @@ void panic(const char *message)
     __qv_log(QV_LOG_ERROR, "panic: %s", message);
 }
 
-char *allocate_text(size_t length)
-{
-    return static_cast<char *>(qv_memcheck_malloc(malloc, length + 1, "yylex", __LINE__));
-}
-
-// A tracked copy; null when memory is short.
-char *copy_word(const char *text, size_t length)
-{
-    char *copy = allocate_text(length);
-    if (copy) {
-        memcpy(copy, text, length);
-        copy[length] = '\0';
-    }
-    return copy;
-}
-
-// The same of what stands between a string's quotes, where `escapes` pairs stand for one character.
-char *copy_string(const char *text, size_t length, size_t escapes)
-{
-    if (escapes == 0)
-        return copy_word(text, length);
-    char *copy = allocate_text(length - escapes);
-    if (copy) {
-        unescape<text_block>(copy, copy + (length - escapes), text, text + length);
-        copy[length - escapes] = '\0';
-    }
-    return copy;
-}
-
 // ---- Buffers
 
 // Empties a buffer; its stream is read again.

@@ -3,8 +3,11 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <qvlib/scanner.h>
 
+#include "../tracked.h"
 #include "lexeme.h"
 
 // One buffer of a scanner: a text in memory, or what was read of a stream so far.
@@ -50,6 +53,51 @@ struct token_scanner {
         return buffers ? buffers[top] : nullptr;
     }
 };
+
+inline char *allocate_text(size_t length, allocator plain)
+{
+    return static_cast<char *>(allocate_tracked(length + 1, "yylex", __LINE__, plain));
+}
+
+// A tracked copy; null when memory is short.
+inline char *copy_word(const char *text, size_t length, allocator plain = malloc)
+{
+    char *copy = allocate_text(length, plain);
+    if (copy) {
+        copy_short(copy, text, length);
+        copy[length] = '\0';
+    }
+    return copy;
+}
+
+// The same of what stands between a string's quotes, where `escapes` pairs stand for one character.
+inline char *copy_string(const char *text, size_t length, size_t escapes, allocator plain = malloc)
+{
+    if (escapes == 0)
+        return copy_word(text, length, plain);
+    char *copy = allocate_text(length - escapes, plain);
+    if (copy) {
+        unescape<text_block>(copy, copy + (length - escapes), text, text + length);
+        copy[length - escapes] = '\0';
+    }
+    return copy;
+}
+
+// The same of what read_string read from `text`, with the buffer that it wrote to.
+inline char *copy_string(const char *text, const read_contents &contents, const char *buffer, allocator plain)
+{
+    const auto escapes = static_cast<size_t>(contents.found.escapes);
+    const size_t length = static_cast<size_t>(contents.found.at - text) - escapes;
+    if (escapes == 0)
+        return copy_word(text, length, plain);
+    char *copy = allocate_text(length, plain);
+    if (copy) {
+        memcpy(copy, buffer, contents.length);
+        unescape<text_block>(copy + contents.length, copy + length, contents.rest, contents.found.at);
+        copy[length] = '\0';
+    }
+    return copy;
+}
 
 // Reads a token that is no punctuation.
 int read_longer_token(token_scanner *scanner, clparse_token *value);

@@ -1,7 +1,5 @@
 #include "text_builder.h"
 
-#include <array>
-#include <bit>
 #include <cstdlib>
 #include <utility>
 
@@ -9,33 +7,10 @@
 
 #include "../memdebug.h"
 #include "../where.h"
+#include "digits.h"
 
 namespace qv
 {
-namespace
-{
-
-// Divides a number by 100; returns the remainder. On a 32-bit machine by four of its own divisions, where the
-// compiler's library would need several times as much code and time.
-size_t take_pair(uint64_t &number)
-{
-    if constexpr (sizeof(size_t) >= sizeof(uint64_t)) {
-        const auto pair = static_cast<size_t>(number % 100);
-        number /= 100;
-        return pair;
-    }
-    uint32_t rest = 0;
-    uint64_t quotient = 0;
-    for (int shift = 48; shift >= 0; shift -= 16) {
-        rest = rest << 16 | static_cast<uint16_t>(number >> shift);
-        quotient = quotient << 16 | rest / 100;
-        rest %= 100;
-    }
-    number = quotient;
-    return rest;
-}
-
-} // namespace
 
 char *resize_text(char *text, size_t size)
 {
@@ -53,36 +28,12 @@ bool text_builder::append_long_text(const char *text)
 
 bool text_builder::append_number(uint64_t number)
 {
-    static constexpr auto pairs = [] {
-        std::array<char, 200> made{};
-        for (size_t i = 0; i < 100; i++) {
-            made[2 * i] = static_cast<char>('0' + i / 10);
-            made[2 * i + 1] = static_cast<char>('0' + i % 10);
-        }
-        return made;
-    }();
-    // The smallest number of each length but the first.
-    static constexpr auto powers = [] {
-        std::array<uint64_t, 20> made{};
-        uint64_t power = 1;
-        for (size_t i = 1; i < made.size(); i++)
-            made[i] = power *= 10;
-        return made;
-    }();
-    // A bit stands for 1233/4096 digits: as many, or one too many.
-    const unsigned int about = static_cast<unsigned int>(std::bit_width(number | 1)) * 1233 >> 12;
-    const unsigned int digits = about + (number >= powers[about]);
+    const unsigned int digits = count_digits(number);
     char *to = room_for(digits);
     if (!to)
         return false;
+    put_digits(to, number, digits);
     length_ += digits;
-    char *at = to + digits;
-    while (number >= 100)
-        at = static_cast<char *>(memcpy(at - 2, &pairs[take_pair(number) * 2], 2));
-    if (number >= 10)
-        memcpy(to, &pairs[static_cast<size_t>(number * 2)], 2);
-    else
-        *to = static_cast<char>('0' + number);
     return true;
 }
 

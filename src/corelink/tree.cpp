@@ -14,6 +14,7 @@
 #include <qvlib/log.h>
 #include <qvlib/memcheck.h>
 
+#include "../tracked.h"
 #include "../where.h"
 
 using namespace qv;
@@ -36,7 +37,7 @@ namespace
 
 void free_record(clparse_node *record)
 {
-    qv_memcheck_free(free, record, QV_WHERE); // all that qv_free does: one call less for each block
+    release_tracked(record, QV_WHERE);
 }
 
 // Frees an unlinked node that has no children any more.
@@ -221,7 +222,7 @@ int release_expansion(clparse_node *function, clparse_node *expansion)
 void free_text(char *text, const char *where)
 {
     if (text)
-        qv_memcheck_free(free, text, where);
+        release_tracked(text, where);
 }
 
 } // namespace qv
@@ -229,8 +230,7 @@ void free_text(char *text, const char *where)
 clparse_node *clparse_create_node(clparse_node *record)
 {
     if (!record)
-        record = static_cast<clparse_node *>(
-            qv_memcheck_malloc(qv_malloc, sizeof(clparse_node), "clparse_create_node", __LINE__));
+        record = allocate_record_tracked<clparse_node>("clparse_create_node", __LINE__, allocate_in_order);
     if (record)
         record->next = record->prev = record;
     return record;
@@ -241,7 +241,7 @@ char *clparse_strdup(const char *text, const char *caller, unsigned int line)
     if (!text)
         return nullptr;
     const size_t size = strlen(text) + 1;
-    void *copy = qv_memcheck_malloc(malloc, size, caller, line);
+    void *copy = allocate_tracked(size, caller, line);
     return copy ? static_cast<char *>(memcpy(copy, text, size)) : nullptr;
 }
 

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <qvlib/corelink.h>
 
+#include "../tracked.h"
+
 extern "C" {
 
 // Returns `record`, or a new zeroed one when it is null, linked to itself; null when memory is short.
@@ -75,6 +77,18 @@ inline void link_last(clparse_node *container, clparse_node *node)
 inline clparse_node *expand_function(clparse_node *node)
 {
     return node->value.func.expand ? node->value.func.expand(node, node->value.func.priv) : nullptr;
+}
+
+// What clparse_create_node does, with the allocator that nodes come from while nothing is tracked.
+inline clparse_node *create_node(clparse_node *record, allocator plain)
+{
+    if (small_code)
+        return clparse_create_node(record);
+    if (!record)
+        record = allocate_record_tracked<clparse_node>("clparse_create_node", __LINE__, plain);
+    if (record)
+        record->next = record->prev = record;
+    return record;
 }
 
 // A deep copy of `source`, to be linked into `parent`; null when memory is short.

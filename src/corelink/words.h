@@ -30,15 +30,6 @@ constexpr uint64_t eight_of(char c)
     return every_one * static_cast<unsigned char>(c);
 }
 
-// The word of a text of up to eight characters, behind which zeros follow.
-constexpr uint64_t word_of(const char *text)
-{
-    uint64_t word = 0;
-    for (int bit = 0; *text; bit += 8)
-        word |= static_cast<uint64_t>(static_cast<unsigned char>(*text++)) << bit;
-    return word;
-}
-
 inline uint64_t load_word(const char *text)
 {
     uint64_t word;
@@ -51,6 +42,24 @@ inline void store_word(char *to, uint64_t word)
     if (std::endian::native == std::endian::big)
         word = __builtin_bswap64(word);
     memcpy(to, &word, sizeof word);
+}
+
+// As memcpy, of what is mostly short: as its first and its last part, which may overlap.
+inline void copy_short(char *to, const char *text, size_t length)
+{
+    if (!by_words || length > 16) {
+        memcpy(to, text, length);
+    } else if (length >= 8) {
+        memcpy(to, text, 8);
+        memcpy(to + length - 8, text + length - 8, 8);
+    } else if (length >= 4) {
+        memcpy(to, text, 4);
+        memcpy(to + length - 4, text + length - 4, 4);
+    } else if (length > 0) {
+        to[0] = text[0];
+        to[length / 2] = text[length / 2];
+        to[length - 1] = text[length - 1];
+    }
 }
 
 // Where `c` stands in a word: marks its first place exactly, and places behind it perhaps wrongly. 0 when it
@@ -66,6 +75,17 @@ inline uint64_t places_between(uint64_t word, char first, char last)
 {
     return (word + eight_of(static_cast<char>(0x80 - first))) &
            ~(word + eight_of(static_cast<char>(0x7f - last))) & every_place;
+}
+
+// Marks what is neither letter nor digit.
+inline uint64_t places_behind_word(uint64_t word)
+{
+    const uint64_t low = word & ~every_place;
+    const uint64_t lower_case =
+        low | eight_of(0x20); // makes 0x7f of the underline, too, and nothing a letter
+    const uint64_t members =
+        places_between(lower_case, 'a', 'z') | places_between(low, '0', '9') | places_between(low, '_', '_');
+    return (~members | word) & every_place;
 }
 
 inline int first_place(uint64_t places)
@@ -87,6 +107,11 @@ struct word_block {
         const uint64_t differences = word ^ eight_of(c);
         return ~(((differences & ~every_place) + ~every_place) | differences) & every_place;
     }
+    // Those that are neither letter nor digit.
+    places places_behind_word() const
+    {
+        return qv::places_behind_word(word);
+    }
     void store(char *to) const
     {
         store_word(to, word);
@@ -107,12 +132,35 @@ struct vector_block {
     {
         return static_cast<places>(_mm_movemask_epi8(_mm_cmpeq_epi8(vector, _mm_set1_epi8(c))));
     }
+    places places_behind_word() const
+    {
+        const __m128i letters = count_from(_mm_or_si128(vector, _mm_set1_epi8(0x20)), 'a');
+        const __m128i members =
+            _mm_or_si128(_mm_or_si128(at_most(letters, 'z' - 'a'), at_most(count_from(vector, '0'), 9)),
+                         _mm_cmpeq_epi8(vector, _mm_set1_epi8('_')));
+        return static_cast<places>(_mm_movemask_epi8(members)) ^ 0xffff;
+    }
+    // How many of the first ones are decimal digits.
+    int leading_digits() const
+    {
+        return std::countr_one(static_cast<places>(_mm_movemask_epi8(at_most(count_from(vector, '0'), 9))));
+    }
     void store(char *to) const
     {
         _mm_storeu_si128(reinterpret_cast<__m128i *>(to), vector);
     }
 
     __m128i vector;
+
+  private:
+    static __m128i count_from(__m128i characters, char first)
+    {
+        return _mm_sub_epi8(characters, _mm_set1_epi8(first));
+    }
+    static __m128i at_most(__m128i numbers, char limit)
+    {
+        return _mm_cmpeq_epi8(_mm_min_epu8(numbers, _mm_set1_epi8(limit)), numbers);
+    }
 };
 using text_block = vector_block;
 #else

@@ -14,6 +14,7 @@
 #include <qvlib/strings.h>
 
 #include "../where.h"
+#include "digits.h"
 #include "escapes.h"
 #include "text_builder.h"
 #include "tree.h"
@@ -116,6 +117,17 @@ class leaf_paths
         path_.truncate(up.path_length);
         pathless_ = up.pathless;
         return up.position;
+    }
+
+    // Whether keys of leaves begin with path(), and a dot unless it is empty. The path of the level that is
+    // being written, that is.
+    bool has_path() const
+    {
+        return !pathless_ && !path_.failed() && ((begins_here_ && depth_ == 0) || path_.length() > 0);
+    }
+    const text_builder &path() const
+    {
+        return path_;
     }
 
     // Appends "PATH=" of a leaf. False when it has no path, because the first node on it has no tag.
@@ -235,6 +247,83 @@ bool append_key(text_builder &text, const clparse_node *container, const clparse
                  : append_key(text, container, child, form);
 }
 
+// The longest tags and strings that are written in one go with what stands around them.
+constexpr size_t few = 64;
+constexpr size_t room_for_few = 256;
+
+// Writes a child's value, of a container what opens it. Returns behind it, or null when it can't be written
+// in one go.
+char *put_value(char *to, const clparse_node *child)
+{
+    switch (child->type) {
+    case CLPARSE_TYPE_NUMBER: {
+        const unsigned int digits = count_digits(child->value.num);
+        put_digits(to, child->value.num, digits);
+        return to + digits;
+    }
+    case CLPARSE_TYPE_STRING: {
+        const size_t length = child->value.str ? strlen(child->value.str) : few + 1;
+        if (length > few)
+            return nullptr;
+        *to++ = '"';
+        to = escape_few_quotes<text_block>(to, child->value.str, length);
+        *to++ = '"';
+        return to;
+    }
+    case CLPARSE_TYPE_BOOLEAN:
+        memcpy(to, child->value.boolean ? "true" : "fals", 4);
+        to[4] = 'e';
+        return child->value.boolean ? to + 4 : to + 5;
+    case CLPARSE_TYPE_STRUCT:
+        *to = '{';
+        return to + 1;
+    case CLPARSE_TYPE_ARRAY:
+        *to = '[';
+        return to + 1;
+    default:
+        return nullptr;
+    }
+}
+
+// Appends a child's comma, key and value, of a container what opens it, with one look at the room. False when
+// nothing was appended, since it is not of the usual kind and size.
+bool append_in_one_go(text_builder &text, const clparse_node *container, const clparse_node *child,
+                      bool separated, text_form form, const leaf_paths *paths)
+{
+    // Positions and what has no path are left to append_key.
+    if (paths && (!paths->has_path() || is_container(child) || container->type == CLPARSE_TYPE_ARRAY))
+        return false;
+    const size_t path_length = paths ? paths->path().length() : 0;
+    char *to = text.room_for(room_for_few + path_length);
+    if (!to)
+        return false;
+    *to = ',';
+    to += separated;
+    if (path_length > 0) {
+        memcpy(to, paths->path().data(), path_length);
+        to += path_length;
+        *to++ = '.';
+    }
+    if (container->type != CLPARSE_TYPE_ARRAY) {
+        const size_t length = child->tag ? strlen(child->tag) : few + 1;
+        if (length > few)
+            return false;
+        if (form == text_form::json)
+            *to++ = '"';
+        copy_short(to, child->tag, length);
+        to += length;
+        if (form == text_form::json)
+            memcpy(to, "\":", 2);
+        else
+            *to = '=';
+        to += form == text_form::json ? 2 : 1;
+    }
+    to = put_value(to, child);
+    if (to)
+        text.advance_to(to);
+    return to;
+}
+
 // Opens a child that is a container. False when memory is short.
 bool open_container(text_builder &text, const clparse_node *container, const clparse_node *child,
                     unsigned int position, text_form form, leaf_paths *paths)
@@ -253,15 +342,21 @@ bool write_list(const clparse_node *top, text_builder &text, text_form form, lea
     unsigned int position = 0;
     bool written = true;
     for (;;) {
-        if (child && position > 0)
+        const bool quick =
+            by_words && child && append_in_one_go(text, level, child, position > 0, form, paths);
+        if (child && position > 0 && !quick)
             text.append(',');
-        if (child && is_container(child) && open_container(text, level, child, position, form, paths)) {
+        if (child && is_container(child) &&
+            (quick || open_container(text, level, child, position, form, paths))) {
             level = child;
             child = has_children_list(level) ? first_child(level) : nullptr;
             position = 0;
             continue;
         }
-        if (child) {
+        if (quick) {
+            child = next_child(level, child);
+            position++;
+        } else if (child) {
             written = !is_container(child) && append_key(text, level, child, position, form, paths) &&
                       write_scalar(child, text, form);
             child = written ? next_child(level, child) : nullptr;
@@ -455,14 +550,6 @@ bool clparse_build_xml(const clparse_node *top, text_builder &text, int depth)
 }
 
 // ---- Paths of single nodes
-
-size_t count_digits(unsigned int number)
-{
-    size_t digits = 1;
-    while (number /= 10)
-        digits++;
-    return digits;
-}
 
 // A path ends at the tree's root, whose children's tags are their whole paths.
 bool begins_path(const clparse_node *node)
