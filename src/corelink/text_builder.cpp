@@ -3,6 +3,7 @@
 #include <array>
 #include <bit>
 #include <cstdlib>
+#include <iterator>
 #include <utility>
 
 #include <qvlib/memcheck.h>
@@ -15,21 +16,21 @@ namespace qv
 namespace
 {
 
-// Divides a number by 100; returns the remainder. On a 32-bit machine by four of its own divisions, where the
-// compiler's library would need several times as much code and time.
-size_t take_pair(uint64_t &number)
+// Divides a number by 10 or 100; returns the remainder. On a 32-bit machine by four of its own divisions,
+// where the compiler's library would need several times as much code and time.
+template <uint32_t Divisor> size_t take_digits(uint64_t &number)
 {
     if constexpr (sizeof(size_t) >= sizeof(uint64_t)) {
-        const auto pair = static_cast<size_t>(number % 100);
-        number /= 100;
-        return pair;
+        const auto digits = static_cast<size_t>(number % Divisor);
+        number /= Divisor;
+        return digits;
     }
     uint32_t rest = 0;
     uint64_t quotient = 0;
     for (int shift = 48; shift >= 0; shift -= 16) {
         rest = rest << 16 | static_cast<uint16_t>(number >> shift);
-        quotient = quotient << 16 | rest / 100;
-        rest %= 100;
+        quotient = quotient << 16 | rest / Divisor;
+        rest %= Divisor;
     }
     number = quotient;
     return rest;
@@ -51,6 +52,17 @@ bool text_builder::append_long_text(const char *text)
     return text ? append(text, strlen(text)) : append("(null)");
 }
 
+#if defined(QVLIB_FIRMWARE)
+bool text_builder::append_number(uint64_t number)
+{
+    char digits[20], *const end = std::end(digits), *at = end;
+    do {
+        *--at = static_cast<char>('0' + take_digits<10>(number));
+    } while (number != 0);
+    return append(at, static_cast<size_t>(end - at));
+}
+#else
+// Two digits at a time.
 bool text_builder::append_number(uint64_t number)
 {
     static constexpr auto pairs = [] {
@@ -78,13 +90,14 @@ bool text_builder::append_number(uint64_t number)
     length_ += digits;
     char *at = to + digits;
     while (number >= 100)
-        at = static_cast<char *>(memcpy(at - 2, &pairs[take_pair(number) * 2], 2));
+        at = static_cast<char *>(memcpy(at - 2, &pairs[take_digits<100>(number) * 2], 2));
     if (number >= 10)
         memcpy(to, &pairs[static_cast<size_t>(number * 2)], 2);
     else
         *to = static_cast<char>('0' + number);
     return true;
 }
+#endif
 
 bool text_builder::grow(size_t more)
 {
