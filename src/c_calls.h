@@ -33,7 +33,7 @@
 #define QV_C_FUNCTIONS(each) \
     each(__errno_location) each(accept) each(bind) each(calloc) each(clearerr) each(clock_gettime) each(close) \
     each(closelog) each(connect) each(ctime_r) each(exit) each(explicit_bzero) each(fclose) each(fcntl) \
-    each(ferror) each(fflush) each(fileno) each(flockfile) each(fopen) each(fprintf) each(fputs) each(fread) \
+    each(ferror) each(fflush) each(fileno) each(flockfile) each(fopen) each(fprintf) each(fread) \
     each(free) each(freeaddrinfo) each(funlockfile) each(fwrite) each(gai_strerror) each(getaddrinfo) \
     each(getauxval) each(getc) each(getnameinfo) each(getpeername) each(getsockname) each(getsockopt) \
     each(gettid) each(gmtime_r) each(isatty) each(listen) each(malloc) each(memcmp) each(memmem) \

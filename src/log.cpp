@@ -100,7 +100,7 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
     } else {
         fwrite(line, 1, start, stream);
         vfprintf(stream, fmt, ap);
-        fputs("\r\n", stream);
+        fwrite("\r\n", 1, 2, stream);
     }
     fflush(stream);
     funlockfile(stream);

@@ -9,7 +9,7 @@ if(QVLIB_POWERPC)
   list(PREPEND includes "#include \"c_calls.h\"")
   # The compiler's own functions can't be called by a stub, so these are none. It still knows memcpy, of which it
   # makes moves of words.
-  foreach(name calloc exit fprintf fputs free fwrite malloc memcmp memmove memset printf puts realloc snprintf strcasecmp
+  foreach(name calloc exit fprintf free fwrite malloc memcmp memmove memset printf puts realloc snprintf strcasecmp
       strcmp strcspn strdup strftime strlen strncmp strnlen strspn vasprintf vfprintf vsnprintf)
     set_property(SOURCE ${QVLIB_WHOLE} APPEND PROPERTY COMPILE_OPTIONS -fno-builtin-${name})
   endforeach()
