@@ -1,9 +1,10 @@
 // Makes allocations of the library fail on demand and keeps account of its live blocks: for tests that link
-// the static library with the options of QVLIB_FAILING_ALLOC (tests/CMakeLists.txt). The C++ runtime's own
+// the static library with the options `failing_alloc` of tests/CMakeLists.txt. The C++ runtime's own
 // blocks are not touched.
 #ifndef QVLIB_TESTS_FAILING_ALLOC_H
 #define QVLIB_TESTS_FAILING_ALLOC_H
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
@@ -22,14 +23,24 @@ namespace failing_alloc
 
 // Calls that still succeed before one fails; negative for no failure.
 inline int successes_left = -1;
+inline bool for_good = false;                         // all calls after the one that fails do so too
 inline bool failed = false;                           // whether the failure has come
 inline std::unordered_set<void *> *account = nullptr; // live blocks, while an account is open
+inline void (*on_calloc)() = nullptr;                 // called before every calloc, when set
+inline void *last_calloc = nullptr;                   // what calloc returned last
 
 inline bool fails_now()
 {
-    if (successes_left < 0 || successes_left-- > 0)
+    if (successes_left < 0)
         return false;
+    if (successes_left > 0) {
+        successes_left--;
+        return false;
+    }
+    if (!for_good)
+        successes_left = -1;
     failed = true;
+    errno = ENOMEM;
     return true;
 }
 
@@ -46,17 +57,20 @@ inline void strike(void *block)
         account->erase(block);
 }
 
-// The call after `successes` further ones fails; all others succeed.
+// The call after `successes` further ones fails, with `all_from_then` the later ones too; all succeed again
+// when this ends.
 class after
 {
   public:
-    explicit after(int successes)
+    explicit after(int successes, bool all_from_then = false)
     {
         failed = false;
+        for_good = all_from_then;
         successes_left = successes;
     }
     ~after()
     {
+        for_good = false;
         successes_left = -1;
     }
     after(const after &) = delete;
@@ -100,7 +114,11 @@ inline __attribute__((used)) void *__wrap_malloc(size_t size)
 
 inline __attribute__((used)) void *__wrap_calloc(size_t count, size_t size)
 {
-    return failing_alloc::fails_now() ? nullptr : failing_alloc::enter(__real_calloc(count, size));
+    if (failing_alloc::on_calloc)
+        failing_alloc::on_calloc();
+    if (failing_alloc::fails_now())
+        return nullptr;
+    return failing_alloc::last_calloc = failing_alloc::enter(__real_calloc(count, size));
 }
 
 inline __attribute__((used)) void *__wrap_realloc(void *block, size_t size)

@@ -14,6 +14,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <string>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <thread>
 #include <time.h>
@@ -101,6 +102,16 @@ inline bool listens_at(const char *address_text, unsigned int port)
     const bool connected = connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
     close(fd);
     return connected;
+}
+
+// How many threads there are, once ThreadSanitizer has started its own beside the first of the program's.
+inline int threads_by_now()
+{
+    static const bool started = [] {
+        std::thread([] { prctl(PR_SET_NAME, "first"); }).join();
+        return eventually([] { return threads_named("first") == 0; });
+    }();
+    return started ? failing_calls::threads() : 0;
 }
 
 // A connection to a port of this host.

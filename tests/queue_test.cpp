@@ -11,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include "failing_malloc.h"
+#include "failing_alloc.h"
 #include "machine.h"
 
 namespace
@@ -175,7 +175,7 @@ TEST_F(Queue, IsRefusedAndKeepsItsBlockWhenTheHeadsCannotBeHad)
     failing_alloc::after one(1);
     EXPECT_EQ(q_init(2, 2, compare_key, verdict, verdict, nullptr), nullptr);
     // The block was not released: it can be read and freed here.
-    auto *block = static_cast<q_queue *>(failing_alloc::last_block);
+    auto *block = static_cast<q_queue *>(failing_alloc::last_calloc);
     EXPECT_EQ(block->lists, nullptr);
     free(block);
 }

@@ -15,7 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include "failing_calloc.h"
+#include "failing_alloc.h"
 #include "failing_calls.h"
 #include "spin_lock.h"
 
@@ -168,7 +168,7 @@ TEST(Reference, TellsWhyItCannotBePrepared)
 {
     qv_reference ref = {};
     {
-        const failing_calloc::after none(0);
+        const failing_alloc::after none(0);
         EXPECT_EQ(qv_reference_prep(&ref, called, nullptr), -1);
         EXPECT_EQ(errno, EAGAIN);
     }
@@ -344,7 +344,7 @@ TEST(SpinLockInit, LeavesTheWordEmptyOnFailure)
     int other = 0;
     void *word = &other;
     {
-        const failing_calloc::after none(0);
+        const failing_alloc::after none(0);
         EXPECT_EQ(qv::spin_init(&word, 0), EAGAIN);
         EXPECT_EQ(word, nullptr);
     }

@@ -676,7 +676,7 @@ TEST_F(RguiLocal, LivesOnWithoutAListenerWhenThePortIsInUse)
     ASSERT_EQ(bind(taken, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
     ASSERT_EQ(listen(taken, 1), 0);
     log_lines log;
-    const int threads = failing_calls::threads();
+    const int threads = peers::threads_by_now();
     start();
     EXPECT_TRUE(peers::eventually([&] { return failing_calls::threads() == threads; }));
     EXPECT_EQ(give(session_, RGUI_DATA, 1), -1);

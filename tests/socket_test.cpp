@@ -24,7 +24,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "failing_calloc.h"
+#include "failing_alloc.h"
 #include "failing_calls.h"
 #include "log_lines.h"
 #include "machine.h"
@@ -1061,7 +1061,7 @@ TEST_F(QvGetmac, FailsForAFileWithoutSixBytes)
 TEST_F(QvGetmac, FailsWithoutMemory)
 {
     uint8_t mac[6];
-    const failing_calloc::after none(0);
+    const failing_alloc::after none(0);
     EXPECT_EQ(qv_getmac("lo", mac), -1);
     EXPECT_EQ(errno, ENOMEM);
 }

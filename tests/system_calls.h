@@ -24,7 +24,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -486,21 +485,11 @@ inline std::string trace_of(const char *call, int detail, int error)
            (error == short_count ? "short" : text_of(error));
 }
 
-// How many threads there are, once ThreadSanitizer has started its own beside the first of the program's.
-inline int threads_by_now()
-{
-    static const bool started = [] {
-        std::thread([] { prctl(PR_SET_NAME, "first"); }).join();
-        return peers::eventually([] { return peers::threads_named("first") == 0; });
-    }();
-    return started ? failing_calls::threads() : 0;
-}
-
 // Nothing stays behind of what is done while it lives, but so many descriptors and resolved address lists.
 class nothing_left
 {
   public:
-    nothing_left() : descriptors_(failing_calls::descriptors()), threads_(threads_by_now())
+    nothing_left() : descriptors_(failing_calls::descriptors()), threads_(peers::threads_by_now())
     {
     }
     ~nothing_left()

@@ -16,7 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include "failing_malloc.h"
+#include "failing_alloc.h"
 #include "machine.h"
 #include "models/tree_models.h"
 
