@@ -147,6 +147,10 @@ template <auto make_rows> struct compressed_texts {
         return exact;
     }();
     static_assert(written.size() <= 0xffff);
+    static_assert(std::ranges::all_of(make_rows(), [](const text_row &row) {
+        return std::ranges::all_of(row.text, [](char c) { return c >= ' ' && c <= '~'; }) &&
+               !row.text.empty();
+    }));
 
     using unpacked = unpacked_texts<make_rows().size(), written.size()>;
 
