@@ -6,6 +6,7 @@
 
 #include <qvlib/encoding.h>
 
+#include "first_use.h"
 #include "processor.h"
 
 #include <array>
@@ -19,7 +20,7 @@ constexpr uint32_t initial_state = 0xffffffff;
 // byte i leaves behind after k further zero bytes, so that eight bytes are looked up independently of each
 // other. M. E. Kounavis and F. L. Berry, "A Systematic Approach to Building High Performance Software-Based
 // CRC Generators", 2005.
-// A firmware build has the classical table alone.
+// A firmware build has the classical table alone, and makes it when it is first used.
 #if defined(QVLIB_FIRMWARE)
 constexpr size_t slice_count = 1;
 #else
@@ -27,9 +28,8 @@ constexpr size_t slice_count = 8;
 #endif
 using slice_table = std::array<std::array<uint32_t, 256>, slice_count>;
 
-constexpr slice_table make_slices()
+constexpr void make_slices(slice_table &table)
 {
-    slice_table table = {};
     for (uint32_t i = 0; i < 256; i++) {
         uint32_t state = i;
         for (int bit = 0; bit < 8; bit++)
@@ -40,12 +40,17 @@ constexpr slice_table make_slices()
         for (size_t i = 0; i < 256; i++)
             table[k][i] = (table[k - 1][i] >> 8) ^ table[0][table[k - 1][i] & 0xff];
     }
-    return table;
 }
 
-constexpr slice_table slices = make_slices();
+#if defined(QVLIB_FIRMWARE)
+constinit qv::made_at_first_use<slice_table, make_slices> made_slices;
+#else
+constexpr slice_table slices = [] {
+    slice_table table = {};
+    make_slices(table);
+    return table;
+}();
 
-#if !defined(QVLIB_FIRMWARE)
 uint32_t load_little_endian(const uint8_t *bytes)
 {
     return static_cast<uint32_t>(bytes[0]) | static_cast<uint32_t>(bytes[1]) << 8 |
@@ -78,7 +83,9 @@ uint32_t finish(uint32_t state)
 
 uint32_t qv::crc32c_by_tables(uint32_t state, const uint8_t *bytes, size_t length)
 {
-#if !defined(QVLIB_FIRMWARE)
+#if defined(QVLIB_FIRMWARE)
+    const slice_table &slices = made_slices.get();
+#else
     for (; length >= 8; bytes += 8, length -= 8) {
         const uint32_t low = state ^ load_little_endian(bytes);
         const uint32_t high = load_little_endian(bytes + 4);

@@ -76,9 +76,32 @@ constexpr reverse_table make_hex_values()
     return table;
 }
 
-constexpr reverse_table base32_values = make_base32_values();
-constexpr reverse_table base64_values = make_base64_values();
-constexpr reverse_table hex_values = make_hex_values();
+#if defined(QVLIB_FIRMWARE)
+// A reverse table without the characters that no encoding uses, all of which have the same value.
+class value_table
+{
+  public:
+    constexpr explicit value_table(const reverse_table &all) : other_(all[0])
+    {
+        std::copy(all.begin() + first, all.begin() + last + 1, values_.begin());
+    }
+    [[gnu::noinline]] uint8_t operator[](size_t index) const
+    {
+        return index >= first && index <= last ? values_[index - first] : other_;
+    }
+
+  private:
+    static constexpr size_t first = '+', last = 'z';
+    uint8_t other_;
+    std::array<uint8_t, last - first + 1> values_ = {};
+};
+#else
+using value_table = reverse_table;
+#endif
+
+constexpr value_table base32_values(make_base32_values());
+constexpr value_table base64_values(make_base64_values());
+constexpr value_table hex_values(make_hex_values());
 
 // ---- Base32
 
@@ -100,7 +123,7 @@ unsigned int five_bits(const uint8_t *bytes, unsigned int bit)
 
 // ---- Base64
 
-uint32_t load_big_endian(const uint8_t *bytes)
+[[maybe_unused]] uint32_t load_big_endian(const uint8_t *bytes)
 {
     return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
            static_cast<uint32_t>(bytes[2]) << 8 | static_cast<uint32_t>(bytes[3]);
@@ -136,6 +159,7 @@ char *encode_groups([[maybe_unused]] uint32_t features, const uint8_t *in, [[may
     out += 16 * blocks;
     groups -= 4 * blocks;
 #endif
+#if !defined(QVLIB_FIRMWARE)
     // Two groups at a step take one word and one half word of input.
     for (; groups >= 2; groups -= 2, in += 6, out += 8) {
         const uint32_t word = load_big_endian(in);
@@ -143,10 +167,9 @@ char *encode_groups([[maybe_unused]] uint32_t features, const uint8_t *in, [[may
         encode_group(word >> 8, out);
         encode_group((word & 0xff) << 16 | half, out + 4);
     }
-    if (groups != 0) {
+#endif
+    for (; groups != 0; groups--, in += 3, out += 4)
         encode_group(static_cast<uint32_t>(in[0]) << 16 | static_cast<uint32_t>(in[1]) << 8 | in[2], out);
-        out += 4;
-    }
     return out;
 }
 
@@ -182,6 +205,7 @@ void decode_groups([[maybe_unused]] uint32_t features, const char *&in, const ch
         out += 12 * blocks;
     }
 #endif
+#if !defined(QVLIB_FIRMWARE) // which decodes by characters
     for (; in_end - in >= 4; in += 4, out += 3) {
         const uint32_t a = base64_values[index_of(in[0])], b = base64_values[index_of(in[1])];
         const uint32_t c = base64_values[index_of(in[2])], d = base64_values[index_of(in[3])];
@@ -192,6 +216,7 @@ void decode_groups([[maybe_unused]] uint32_t features, const char *&in, const ch
         out[1] = static_cast<uint8_t>(bits >> 8);
         out[2] = static_cast<uint8_t>(bits);
     }
+#endif
 }
 
 // Decodes a group that may hold pads.
@@ -207,6 +232,7 @@ uint8_t *decode_group(const uint8_t value[4], uint8_t *out)
 
 // ---- Hex
 
+#if !defined(QVLIB_FIRMWARE)
 // Decodes a block of digits without a branch, which compilers turn into vector instructions. Returns false,
 // with nothing written, when one of the characters is no digit.
 constexpr size_t hex_block = 32;
@@ -232,6 +258,7 @@ bool decode_hex_block(const char *in, uint8_t *out)
         out[i] = static_cast<uint8_t>(value[2 * i] << 4 | value[2 * i + 1]);
     return true;
 }
+#endif
 
 } // namespace
 
@@ -381,10 +408,12 @@ int hex_decode(const char *str, uint8_t *out, size_t outsize)
         return -1;
 
     size_t i = bytes;
+#if !defined(QVLIB_FIRMWARE)
     for (; digits >= hex_block && decode_hex_block(str + digits - hex_block, out + i - hex_block / 2);) {
         digits -= hex_block;
         i -= hex_block / 2;
     }
+#endif
     while (i-- > 0) {
         const unsigned int low = hex_values[index_of(str[--digits])];
         if (low == foreign)

@@ -23,6 +23,7 @@
 #include "guard.h"
 #include "memdebug.h"
 #include "telnet_log.h"
+#include "threads.h"
 #include "where.h"
 
 namespace
@@ -40,14 +41,14 @@ struct log_state {
     std::atomic<unsigned int> feed_users;
 };
 
-constinit log_state state = {};
+constinit log_state logging = {};
 
 constexpr char level_labels[][6] = {"EMERG", "ALERT", "CRITL", "ERROR", "WARNG",
                                     "NOTIC", "INFOR", "DEBUG", "TELNT"};
 
 FILE *console()
 {
-    return state.console ? state.console : stderr;
+    return logging.console ? logging.console : stderr;
 }
 
 // "Mon DD HH:MM:SS". The time of day by hand: strftime takes a quarter of a line's time for it.
@@ -99,7 +100,7 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
     } else {
         fwrite(line, 1, start, stream);
         vfprintf(stream, fmt, ap);
-        fputs("\r\n", stream);
+        fwrite("\r\n", 1, 2, stream);
     }
     fflush(stream);
     funlockfile(stream);
@@ -107,33 +108,32 @@ QV_PRINTF(2, 0) void write_console(int level, const char *fmt, va_list ap)
 
 QV_PRINTF(2, 0) void write_feed(int level, const char *fmt, va_list ap)
 {
-    if (!state.tellog)
+    if (!logging.tellog)
         return;
-    state.feed_users++; // before the handle is read: whoever empties it looks at the count afterwards
-    if (void *feed = state.tellog) {
+    logging.feed_users++; // before the handle is read: whoever empties it looks at the count afterwards
+    if (void *feed = logging.tellog) {
         va_list copy;
         va_copy(copy, ap);
         qv_vtellog(feed, level, fmt, copy);
         va_end(copy);
     }
-    state.feed_users--;
+    logging.feed_users--;
 }
 
 void stop_feed()
 {
-    void *feed = state.tellog.exchange(nullptr);
+    void *feed = logging.tellog.exchange(nullptr);
     if (feed)
         qv::silence_feed(feed);
-    const timespec moment = {0, 100000};
-    while (state.feed_users != 0)
-        nanosleep(&moment, nullptr);
+    while (logging.feed_users != 0)
+        qv::pause_shortly(100);
     tellog_finish(feed);
 }
 
 // Most lines of a program are wanted by nobody: they cost this test.
 bool is_wanted(int level)
 {
-    return state.tellog || (level != QV_LOG_TELNET && level <= state.level);
+    return logging.tellog || (level != QV_LOG_TELNET && level <= logging.level);
 }
 
 QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
@@ -142,15 +142,15 @@ QV_PRINTF(2, 0) void log_message(int level, const char *fmt, va_list ap)
     if (!fmt)
         return;
     write_feed(level, fmt, ap);
-    if (level == QV_LOG_TELNET || level > state.level)
+    if (level == QV_LOG_TELNET || level > logging.level)
         return;
-    if (state.options & option_console) {
+    if (logging.options & option_console) {
         va_list copy;
         va_copy(copy, ap);
         write_console(level, fmt, copy);
         va_end(copy);
     }
-    if (state.sinks & sink_syslog)
+    if (logging.sinks & sink_syslog)
         vsyslog(level, fmt, ap);
 }
 
@@ -203,11 +203,11 @@ bool is_printable(unsigned char byte)
 
 void qv_log_init(const char *ident, int level, int options, int facility, unsigned int telnet_port)
 {
-    state.level = level;
-    state.options = options;
-    state.sinks = 0;
+    logging.level = level;
+    logging.options = options;
+    logging.sinks = 0;
     if (telnet_port != 0)
-        state.tellog = tellog_start(telnet_port);
+        logging.tellog = tellog_start(telnet_port);
 
     struct stat unused;
     if (stat("/dev/log", &unused) != 0) {
@@ -215,21 +215,21 @@ void qv_log_init(const char *ident, int level, int options, int facility, unsign
         return;
     }
     openlog(ident, options & ~option_console, facility);
-    state.sinks = sink_syslog;
+    logging.sinks = sink_syslog;
 }
 
 void qv_log_exit(void)
 {
     stop_feed();
     closelog();
-    state.level = 0;
-    state.options = 0;
+    logging.level = 0;
+    logging.options = 0;
     // The sinks stay as they are: an emergency message still reaches the system log, which reopens itself.
 }
 
 void qv_log_setlevel(int level)
 {
-    state.level = level;
+    logging.level = level;
 }
 
 const char *log_level(int level)
@@ -251,7 +251,7 @@ void qv_logc(const char *fmt, ...)
 {
     // The inverted sense is meant: while the library echoes messages, the host's own console output is
     // silent.
-    if (!fmt || state.options & option_console)
+    if (!fmt || logging.options & option_console)
         return;
     va_list ap;
     va_start(ap, fmt);

@@ -31,6 +31,7 @@
 
 #include "guard.h"
 #include "send_whole.h"
+#include "threads.h"
 #include "tracked.h"
 
 namespace qv
@@ -697,11 +698,10 @@ void disconnect_clients(memdebug_session *session)
 bool threads_have_left()
 {
     const uint32_t start = clock_ms();
-    const timespec moment = {0, 50000};
     while (threads_inside != 0) {
         if (clock_ms() - start > leaving_limit_ms)
             return false;
-        nanosleep(&moment, nullptr);
+        pause_shortly(50);
     }
     return true;
 }

@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <netdb.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -28,6 +27,7 @@
 
 #include "guard.h"
 #include "send_whole.h"
+#include "threads.h"
 
 using namespace qv;
 
@@ -38,14 +38,7 @@ constexpr int passes_per_table = 1000;
 constexpr int table_lines = 30;
 constexpr int separator_line = 33;
 constexpr size_t host_size = 128;
-constexpr int signals_before_shutdown = 20;
 constexpr int blocks_per_turn = 32; // that are looked at before another thread gets the table
-
-void pause_shortly(long microseconds)
-{
-    const timespec moment = {0, microseconds * 1000};
-    nanosleep(&moment, nullptr);
-}
 
 // ---- The checker
 
@@ -211,24 +204,11 @@ bool take_client(memdebug_session *session, int listener)
 
 // ---- Start and stop
 
-// The library's threads get no signal but the one that wakes the listener: signals are for the host's
-// threads.
-int start_thread(pthread_t *thread, void *(*body)(void *), memdebug_session *session)
+// The library's threads get no signal but the one that wakes the listener.
+int start_console_thread(pthread_t *thread, void *(*body)(void *), memdebug_session *session)
 {
-    sigset_t blocked, mask;
-    sigfillset(&blocked);
-    sigdelset(&blocked, SIGUSR1);
-    pthread_sigmask(SIG_SETMASK, &blocked, &mask);
-    const int error = pthread_create(thread, nullptr, body, session);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-    return error;
-}
-
-bool usr1_ends_process()
-{
-    struct sigaction action;
-    return sigaction(SIGUSR1, nullptr, &action) != 0 ||
-           (!(action.sa_flags & SA_SIGINFO) && action.sa_handler == SIG_DFL);
+    constexpr int wanted[] = {SIGUSR1};
+    return start_thread(thread, false, body, session, wanted);
 }
 
 void shut_listener_down(memdebug_session *session)
@@ -361,7 +341,7 @@ int qv_memcheck_start(const char *service, int output_fd, void (*error_hook)(int
         return -1;
     __qv_log(QV_LOG_INFO, "Starting memory debug");
     if (service) {
-        const int error = start_thread(&session->listener_thread, accept_thread, session);
+        const int error = start_console_thread(&session->listener_thread, accept_thread, session);
         if (error != 0) {
             errno = error;
             qv_errno("%s Unable to create listener thread", "qv_memcheck_start");
@@ -369,7 +349,7 @@ int qv_memcheck_start(const char *service, int output_fd, void (*error_hook)(int
         }
         session->has_listener = true;
     }
-    errno = start_thread(&session->display_thread, qv_memory_debug, session);
+    errno = start_console_thread(&session->display_thread, qv_memory_debug, session);
     if (errno != 0) {
         const errno_guard unchanged;
         qv_errno("%s Unable to create thread", "qv_memcheck_start");

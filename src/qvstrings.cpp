@@ -45,7 +45,7 @@ const char *entity_but_apostrophe(char c)
     }
 }
 
-const char *entity(char c)
+const char *any_entity(char c)
 {
     return c == '\'' ? "&apos;" : entity_but_apostrophe(c);
 }
@@ -221,7 +221,7 @@ int replace_quotes(char **str)
 
 int replace_xml_entities(char **str, int keep_apostrophe)
 {
-    return replace_all(str, keep_apostrophe ? entity_but_apostrophe : entity);
+    return replace_all(str, keep_apostrophe ? entity_but_apostrophe : any_entity);
 }
 
 char *trim_alnum(char *s)

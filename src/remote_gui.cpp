@@ -36,6 +36,7 @@
 #include <qvlib/socket.h>
 
 #include "guard.h"
+#include "threads.h"
 
 static_assert(offsetof(rgui_pdu, opcode) == 0);
 static_assert(offsetof(rgui_pdu, reserved) == 1);
@@ -49,7 +50,7 @@ static_assert(sizeof(rgui_pdu) == 8);
 namespace
 {
 
-constexpr size_t header_size = sizeof(rgui_pdu);
+constexpr size_t pdu_header_size = sizeof(rgui_pdu);
 constexpr uint32_t smallest_payload = 64;
 constexpr uint32_t largest_payload = 65536;
 constexpr size_t dumped_payload = 64;
@@ -57,7 +58,8 @@ constexpr size_t dump_width = 16;
 constexpr size_t id_slots = 256; // of the connections by ID, which count up
 constexpr int connect_slice_ms = 10;
 constexpr int rounds_per_signal = 25; // of stopping, 200 microseconds each
-constexpr int signals_before_shutdown = 20;
+// What the relay's threads get: the signal that wakes them and those of faults.
+constexpr int relay_signals[] = {SIGUSR1, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGPROF};
 
 enum session_mode { mode_local = 1, mode_remote = 2 };
 
@@ -171,37 +173,9 @@ bool soft_assert(bool condition, const char *text, size_t line)
     return condition;
 }
 
-void pause_shortly()
+void pause_for_round()
 {
-    const timespec moment = {0, 200000};
-    nanosleep(&moment, nullptr);
-}
-
-bool usr1_ends_process()
-{
-    struct sigaction action;
-    return sigaction(SIGUSR1, nullptr, &action) != 0 ||
-           (!(action.sa_flags & SA_SIGINFO) && action.sa_handler == SIG_DFL);
-}
-
-// The relay's threads get no signal but the one that wakes them and those of faults: the others are for the
-// host's threads, and would end a receive.
-int start_thread(pthread_t *thread, bool detached, void *(*body)(void *), void *argument)
-{
-    constexpr int wanted[] = {SIGUSR1, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGPROF};
-    sigset_t blocked, mask;
-    sigfillset(&blocked);
-    for (const int number : wanted)
-        sigdelset(&blocked, number);
-
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, detached ? PTHREAD_CREATE_DETACHED : PTHREAD_CREATE_JOINABLE);
-    pthread_sigmask(SIG_SETMASK, &blocked, &mask);
-    const int error = pthread_create(thread, &attributes, body, argument);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-    pthread_attr_destroy(&attributes);
-    return error;
+    qv::pause_shortly(200);
 }
 
 addrinfo stream_hints(int flags)
@@ -228,7 +202,7 @@ bool send_notice(const rgui_session *session, uint8_t opcode, uint16_t id)
     if (!pdu)
         return false;
     pdu->id = id;
-    session->send(pdu, header_size, session->cookie);
+    session->send(pdu, pdu_header_size, session->cookie);
     return true;
 }
 
@@ -282,7 +256,7 @@ void drop_connection(rgui_conn *conn, uint32_t references = 1)
 
 void wake_thread(pthread_t thread)
 {
-    if (!usr1_ends_process())
+    if (!qv::usr1_ends_process())
         pthread_kill(thread, SIGUSR1);
 }
 
@@ -382,7 +356,7 @@ stream_end forward_stream(const rgui_conn *conn)
         const uint32_t received = 1 + static_cast<uint32_t>(std::max<ssize_t>(rest, 0));
         pdu->size = received;
         capacity = next_capacity(received);
-        if (session->send(pdu, header_size + received, session->cookie) < 0)
+        if (session->send(pdu, pdu_header_size + received, session->cookie) < 0)
             return stream_end::abandoned;
     }
     if (error != 0 && error != ECONNRESET && !conn->stop) {
@@ -434,7 +408,7 @@ int start_receiving(rgui_conn *conn)
     rgui_session *session = conn->session;
     session->busy++;
     pthread_t thread; // the record may be gone when this is set
-    const int error = start_thread(&thread, true, rgui_recv_data, conn);
+    const int error = qv::start_thread(&thread, true, rgui_recv_data, conn, relay_signals);
     if (error != 0)
         session->busy--;
     return error;
@@ -646,13 +620,13 @@ int create_connection(rgui_session *session, uint16_t id)
 rgui_pdu read_header(const rgui_pdu *pdu, size_t length)
 {
     rgui_pdu header = {};
-    memcpy(&header, pdu, std::min(length, header_size));
+    memcpy(&header, pdu, std::min(length, pdu_header_size));
     return header;
 }
 
 const uint8_t *payload_of(const rgui_pdu *pdu)
 {
-    return reinterpret_cast<const uint8_t *>(pdu) + header_size;
+    return reinterpret_cast<const uint8_t *>(pdu) + pdu_header_size;
 }
 
 int take_open(rgui_session *session, uint16_t id)
@@ -737,7 +711,7 @@ bool wake_listener(rgui_session *session, int round)
     const qv::mutex_guard lock(session->lock);
     if (!session->listener_running)
         return false;
-    const bool signals_in_vain = round >= signals_before_shutdown || usr1_ends_process();
+    const bool signals_in_vain = round >= qv::signals_before_shutdown || qv::usr1_ends_process();
     if (signals_in_vain)
         shutdown(session->listen_socket, SHUT_RDWR);
     if (!signals_in_vain || round % rounds_per_signal == 0)
@@ -748,9 +722,9 @@ bool wake_listener(rgui_session *session, int round)
 void end_listener(rgui_session *session)
 {
     while (!session->ready)
-        pause_shortly();
+        pause_for_round();
     for (int round = 0; wake_listener(session, round); round++)
-        pause_shortly();
+        pause_for_round();
     pthread_join(session->listener, nullptr);
 }
 
@@ -758,7 +732,7 @@ void end_connections(rgui_session *session)
 {
     stop_connections(session);
     for (int round = 1; session->busy != 0; round++) {
-        pause_shortly();
+        pause_for_round();
         if (round % rounds_per_signal == 0)
             stop_connections(session);
     }
@@ -793,7 +767,7 @@ void stop_session(rgui_session *session)
 
 rgui_pdu *create_pdu(const rgui_conn *conn, uint8_t opcode, uint32_t capacity)
 {
-    auto *pdu = static_cast<rgui_pdu *>(calloc(1, capacity + header_size));
+    auto *pdu = static_cast<rgui_pdu *>(calloc(1, capacity + pdu_header_size));
     if (!pdu)
         return nullptr;
     pdu->opcode = opcode;
@@ -808,7 +782,7 @@ void rgui_dump_pdu(int level, const char *name, const rgui_pdu *pdu, size_t leng
     if (level == QV_LOG_HEX_SILENT)
         return;
     const rgui_pdu header = read_header(pdu, length);
-    const size_t available = std::max(length, header_size) - header_size;
+    const size_t available = std::max(length, pdu_header_size) - pdu_header_size;
     __qv_log(level, "Remote GUI PDU Dump: '%s'", name);
     __qv_log(level, "\tOpcode:\t%#.8x", static_cast<unsigned int>(header.opcode));
     __qv_log(level, "\tSize:\t%u", static_cast<unsigned int>(header.size));
@@ -826,7 +800,7 @@ rgui_session *rgui_start_local(const char *node, const char *service, void *, rg
         free_session(session);
         return nullptr;
     }
-    const int error = start_thread(&session->listener, false, listener_thread, session);
+    const int error = qv::start_thread(&session->listener, false, listener_thread, session, relay_signals);
     if (error != 0) {
         errno = error;
         qv_errno("%s: create pthread", "rgui_start_local");
@@ -856,7 +830,7 @@ int rgui_data_rx(rgui_session *session, const rgui_pdu *data, size_t length)
     if (!call.is_live())
         return -1;
     const rgui_pdu header = read_header(data, length);
-    if (length < header_size || header.size != length - header_size) {
+    if (length < pdu_header_size || header.size != length - pdu_header_size) {
         __qv_log(QV_LOG_ERROR, "RGUI: Invalid PDU length or partial buffer");
         rgui_dump_pdu(QV_LOG_ERROR, "rgui_data_rx", data, length);
         return -1;

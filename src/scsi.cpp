@@ -6,6 +6,7 @@
 #include <qvlib/scsi.h>
 
 #include "code_text.h"
+#include "first_use.h"
 #include "scsi_tables.h"
 
 namespace
@@ -27,11 +28,52 @@ constexpr auto opcode_rows()
 
 static_assert(asc_rows().size() == 646 && opcode_rows().size() == 256);
 #if defined(QVLIB_FIRMWARE)
-constinit qv::compressed_texts<asc_rows, qv::sharing::none> asc_texts;
-constinit qv::compressed_texts<opcode_rows, qv::sharing::many> opcode_texts;
+constexpr size_t asc_count = asc_rows().size();
+
+constexpr auto asc_and_opcode_rows()
+{
+    constexpr auto ascs = asc_rows();
+    constexpr auto opcodes = opcode_rows();
+    std::array<qv::text_row, ascs.size() + opcodes.size()> rows = {};
+    std::copy(opcodes.begin(), opcodes.end(), std::copy(ascs.begin(), ascs.end(), rows.begin()));
+    return rows;
+}
+
+using compressed = qv::compressed_texts<asc_and_opcode_rows>;
+constinit qv::made_at_first_use<compressed::unpacked, compressed::unpack_all> asc_and_opcode_texts;
+
+const char *asc_text(size_t row)
+{
+    return asc_and_opcode_texts.get().text(row);
+}
+
+const char *find_asc(uint16_t code)
+{
+    return asc_and_opcode_texts.get().find(code, asc_count);
+}
+
+const char *opcode_text(size_t opcode)
+{
+    return asc_and_opcode_texts.get().text(asc_count + opcode);
+}
 #else
 constexpr auto asc_texts = qv::pack_texts<asc_rows, qv::sharing::none>();
 constexpr auto opcode_texts = qv::pack_texts<opcode_rows, qv::sharing::many>();
+
+const char *asc_text(size_t row)
+{
+    return asc_texts.text(row);
+}
+
+const char *find_asc(uint16_t code)
+{
+    return asc_texts.find(code);
+}
+
+const char *opcode_text(size_t opcode)
+{
+    return opcode_texts.text(opcode);
+}
 #endif
 
 // The rows of T10's list for a range of qualifiers.
@@ -110,9 +152,9 @@ const char *get_ascascq_info(unsigned char asc, unsigned char ascq)
     for (size_t i = 0; i < std::size(wildcard_ascs); i++) {
         // The text of the exact row at the same place, not the wildcard's own: daemons rely on it.
         if (wildcard_ascs[i] == asc)
-            return asc_texts.text(i);
+            return asc_text(i);
     }
-    const char *text = asc_texts.find(static_cast<uint16_t>(asc << 8 | ascq));
+    const char *text = find_asc(static_cast<uint16_t>(asc << 8 | ascq));
     return text != nullptr ? text : "Unknown ASC/ASCQ";
 }
 
@@ -128,22 +170,22 @@ int get_condition_severity(unsigned int key)
 
 const char *get_command_info(unsigned char opcode)
 {
-    return opcode_texts.text(opcode);
+    return opcode_text(opcode);
 }
 
 const char *get_status_info(unsigned char status)
 {
-    return qv::find_text(status_texts, status, "Reserved");
+    return qv::find_text<status_texts>(status, "Reserved");
 }
 
 const char *get_device_type(unsigned int type)
 {
-    return qv::find_text(device_types, type, "Reserved");
+    return qv::find_text<device_types>(type, "Reserved");
 }
 
 const char *get_scsi_revision(unsigned int version)
 {
-    return qv::find_text(revisions, version, "Unknown");
+    return qv::find_text<revisions>(version, "Unknown");
 }
 
 const char *get_scsi_standard(unsigned int code)

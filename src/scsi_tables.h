@@ -10,11 +10,9 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <pthread.h>
 #include <string_view>
 
 namespace qv
@@ -92,72 +90,85 @@ template <auto make_rows, sharing Shared> consteval auto pack_texts()
     return packed;
 }
 
-// What pack_texts makes of the same rows, with its pool compressed. The first call for a text unpacks it, by
-// whichever thread comes first.
-template <auto make_rows, sharing Shared> class compressed_texts
+// A row's text as it is compressed: how many codes stand between those of the row before and its own, in
+// digits of four bits from 1 up and without leading zeros, the text and a terminator.
+template <size_t Rows> constexpr size_t write_rows(const std::array<text_row, Rows> &rows, char *to)
 {
-  public:
-    const char *text(size_t row)
-    {
-        if (!unpacked_.load(std::memory_order_acquire))
-            unpack_all();
-        return pool_.data() + starts_[number_of(row)];
+    size_t size = 0;
+    const auto put = [&](char c) {
+        if (to != nullptr)
+            to[size] = c;
+        size++;
+    };
+    uint16_t expected = 0;
+    for (const text_row &row : rows) {
+        const unsigned skipped = static_cast<uint16_t>(row.code - expected);
+        for (int shift = 12; shift >= 0; shift -= 4) {
+            if (skipped >> shift != 0)
+                put(static_cast<char>(1 + (skipped >> shift & 15)));
+        }
+        for (const char c : row.text)
+            put(c);
+        put('\0');
+        expected = static_cast<uint16_t>(row.code + 1);
     }
-    const char *find(uint16_t code)
-    {
-        const auto found = std::lower_bound(codes.begin(), codes.end(), code);
-        return found != codes.end() && *found == code ? text(static_cast<size_t>(found - codes.begin()))
-                                                      : nullptr;
-    }
+    return size;
+}
 
-  private:
-    static constexpr auto packed = pack_texts<make_rows, Shared>(); // the compiler's alone
-    static constexpr auto codes = packed.codes;
-    static constexpr size_t text_count =
-        static_cast<size_t>(std::count(packed.pool.begin(), packed.pool.end(), '\0'));
-    static constexpr auto compressed = [] {
-        constexpr auto loose = compress(packed.pool);
+// Texts that were compressed.
+template <size_t Rows, size_t PoolSize> struct unpacked_texts {
+    std::array<uint16_t, Rows> codes, starts;
+    std::array<char, PoolSize> pool;
+
+    const char *text(size_t row) const
+    {
+        return pool.data() + starts[row];
+    }
+    // Looks a code up among the first rows, whose codes ascend. Returns nullptr for a code without a row.
+    const char *find(uint16_t code, size_t rows) const
+    {
+        const uint16_t *begin = codes.data(), *end = begin + rows;
+        const uint16_t *found = std::lower_bound(begin, end, code);
+        return found != end && *found == code ? text(static_cast<size_t>(found - begin)) : nullptr;
+    }
+};
+
+// The rows that make_rows returns, compressed by the compiler.
+template <auto make_rows> struct compressed_texts {
+    static constexpr auto written = [] { // the compiler's alone
+        std::array<char, write_rows(make_rows(), nullptr)> made = {};
+        write_rows(make_rows(), made.data());
+        return made;
+    }();
+    static constexpr auto bytes = [] {
+        constexpr auto loose = compress(written);
         std::array<unsigned char, loose.size> exact = {};
         std::copy_n(loose.bytes.begin(), loose.size, exact.begin());
         return exact;
     }();
+    static_assert(written.size() <= 0xffff);
+    static_assert(std::ranges::all_of(make_rows(), [](const text_row &row) {
+        return std::ranges::all_of(row.text, [](char c) { return c >= ' ' && c <= '~'; }) &&
+               !row.text.empty();
+    }));
 
-    // Which text a row has: its own, or a number among the texts that are shared.
-    static size_t number_of(size_t row)
+    using unpacked = unpacked_texts<make_rows().size(), written.size()>;
+
+    static void unpack_all(unpacked &texts)
     {
-        if constexpr (Shared == sharing::none) {
-            return row;
-        } else {
-            static_assert(text_count <= 256);
-            static constexpr auto numbers = [] {
-                std::array<uint8_t, packed.size()> made = {};
-                for (size_t i = 0; i < made.size(); i++)
-                    made[i] = static_cast<uint8_t>(
-                        std::count(packed.pool.begin(), packed.pool.begin() + packed.offsets[i], '\0'));
-                return made;
-            }();
-            return numbers[row];
+        unpack(bytes.data(), texts.pool.data(), texts.pool.size());
+        const char *at = texts.pool.data();
+        uint16_t code = 0;
+        for (size_t row = 0; row < texts.codes.size(); row++) {
+            unsigned skipped = 0;
+            for (; *at < ' '; at++)
+                skipped = skipped << 4 | static_cast<unsigned>(*at - 1);
+            code = static_cast<uint16_t>(code + skipped);
+            texts.codes[row] = code++;
+            texts.starts[row] = static_cast<uint16_t>(at - texts.pool.data());
+            at += strlen(at) + 1;
         }
     }
-    void unpack_all()
-    {
-        pthread_mutex_lock(&lock_);
-        if (!unpacked_.load(std::memory_order_relaxed)) {
-            unpack(compressed.data(), compressed.size(), pool_.data());
-            size_t start = 0;
-            for (uint16_t &of_text : starts_) {
-                of_text = static_cast<uint16_t>(start);
-                start += strlen(&pool_[start]) + 1;
-            }
-            unpacked_.store(true, std::memory_order_release);
-        }
-        pthread_mutex_unlock(&lock_);
-    }
-
-    pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
-    std::atomic<bool> unpacked_ = false;
-    std::array<uint16_t, text_count> starts_ = {};
-    std::array<char, packed.pool.size()> pool_ = {};
 };
 
 } // namespace qv

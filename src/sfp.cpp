@@ -1,6 +1,6 @@
 /*
  * SFP and GBIC identification, SFF-8472 address A0h. Tables without pointers map code bytes to texts; a
- * report takes its records in the order of `record_formats`, which is not the order of the block.
+ * report takes its records in the order of `records`, which is not the order of the block.
  */
 #include <qvlib/sfp.h>
 
@@ -129,25 +129,32 @@ enum {
 };
 static_assert(vendor_serial_at + 16 == SFP_BLOCK_SIZE);
 
-// One for each value of a report. The flag of the revision's format changes nothing.
-constexpr char record_formats[][64] = {
-    R"({Id="sfp_vendor_name",Name="Vendor name",Value="%.16s"})",
-    R"({Id="sfp_vendor_pn",Name="Part number",Value="%.16s"})",
-    R"({Id="sfp_vendor_sn",Name="Serial number",Value="%.16s"})",
-    R"({Id="sfp_vendor_rev",Name="Revision",Value="%#.4s"})",
-    R"({Id="sfp_id",Name="Identifier",Value="%s"})",
-    R"({Id="sfp_connector",Name="Connector",Value="%s"})",
-    R"({Id="sfp_fc_rscc",Name="RSCC",Value="%s"})",
-    R"({Id="sfp_fc_sonet",Name="SONET",Value="%s"})",
-    R"({Id="sfp_fc_gecc",Name="GECC",Value="%s"})",
-    R"({Id="sfp_fc_link_len",Name="Link length",Value="%s"})",
-    R"({Id="sfp_fc_tx",Name="Transmitter",Value="%s"})",
-    R"({Id="sfp_encoding",Name="Encoding",Value="%s"})",
-    R"({Id="sfp_option",Name="Option",Value="%s"})",
-    R"({Id="sfp_fc_trans",Name="Transmission media",Value="%s"})",
-    R"({Id="sfp_fc_speed",Name="Supported speeds",Value="%s"})",
+// One for each value of a report: what it is called and how many of its characters count.
+struct record {
+    char id[16];
+    char name[20];
+    signed char precision;
 };
-constexpr size_t record_count = std::size(record_formats);
+constexpr signed char unlimited = -1;
+
+constexpr record records[] = {
+    {"sfp_vendor_name", "Vendor name", 16},
+    {"sfp_vendor_pn", "Part number", 16},
+    {"sfp_vendor_sn", "Serial number", 16},
+    {"sfp_vendor_rev", "Revision", 4},
+    {"sfp_id", "Identifier", unlimited},
+    {"sfp_connector", "Connector", unlimited},
+    {"sfp_fc_rscc", "RSCC", unlimited},
+    {"sfp_fc_sonet", "SONET", unlimited},
+    {"sfp_fc_gecc", "GECC", unlimited},
+    {"sfp_fc_link_len", "Link length", unlimited},
+    {"sfp_fc_tx", "Transmitter", unlimited},
+    {"sfp_encoding", "Encoding", unlimited},
+    {"sfp_option", "Option", unlimited},
+    {"sfp_fc_trans", "Transmission media", unlimited},
+    {"sfp_fc_speed", "Supported speeds", unlimited},
+};
+constexpr size_t record_count = std::size(records);
 
 const char *unlisted(unsigned char code)
 {
@@ -156,7 +163,7 @@ const char *unlisted(unsigned char code)
 
 int append_option(char **text, unsigned int bit)
 {
-    const char *name = qv::find_text(option_texts, bit, nullptr);
+    const char *name = qv::find_text<option_texts>(bit, nullptr);
     return name != nullptr ? qv_aasprintf(text, "%s, ", name)
                            : qv_aasprintf(text, "Unallocated bit %u, ", bit);
 }
@@ -205,7 +212,9 @@ int append_records(const unsigned char *block, const char *options, char **out)
     };
     static_assert(std::size(values) == record_count);
     for (size_t i = 0; i < record_count; i++) {
-        const int result = cl_cat_array_element(out, 0, record_formats[i], values[i]);
+        const record &of = records[i];
+        const int result = cl_cat_array_element(out, 0, R"({Id="%s",Name="%s",Value="%.*s"})", of.id, of.name,
+                                                of.precision, values[i]);
         if (result < 0)
             return result;
     }
@@ -217,12 +226,12 @@ int append_records(const unsigned char *block, const char *options, char **out)
 
 const char *sfp_id(unsigned char code)
 {
-    return qv::find_text(identifiers, code, unlisted(code));
+    return qv::find_text<identifiers>(code, unlisted(code));
 }
 
 const char *sfp_connector(unsigned char code)
 {
-    return qv::find_text(connectors, code, unlisted(code));
+    return qv::find_text<connectors>(code, unlisted(code));
 }
 
 const char *sfp_fc_rscc(unsigned char)
@@ -232,38 +241,38 @@ const char *sfp_fc_rscc(unsigned char)
 
 const char *sfp_fc_gecc(unsigned char code)
 {
-    return qv::find_text(ethernet, code, reserved);
+    return qv::find_text<ethernet>(code, reserved);
 }
 
 const char *sfp_fc_link_len(unsigned char code)
 {
-    return qv::find_text(link_lengths, code & link_length_bits, reserved);
+    return qv::find_text<link_lengths>(code & link_length_bits, reserved);
 }
 
 const char *sfp_fc_trans(unsigned char code)
 {
-    return qv::find_text(media, code, reserved);
+    return qv::find_text<media>(code, reserved);
 }
 
 const char *sfp_fc_speed(unsigned char code)
 {
-    return qv::find_text(speeds, code, reserved);
+    return qv::find_text<speeds>(code, reserved);
 }
 
 const char *sfp_encoding(unsigned char code)
 {
-    return qv::find_text(encodings, code, reserved);
+    return qv::find_text<encodings>(code, reserved);
 }
 
 const char *sfp_fc_sonet(unsigned char byte4, unsigned char byte5)
 {
-    return qv::find_text(sonet_oc48, byte4, qv::find_text(sonet_oc3_oc12, byte5, reserved));
+    return qv::find_text<sonet_oc48>(byte4, qv::find_text<sonet_oc3_oc12>(byte5, reserved));
 }
 
 const char *sfp_fc_tx(unsigned char byte7, unsigned char byte8)
 {
-    return qv::find_text(technologies_byte7, byte7 & technology_bits,
-                         qv::find_text(technologies_byte8, byte8, reserved));
+    return qv::find_text<technologies_byte7>(byte7 & technology_bits,
+                                             qv::find_text<technologies_byte8>(byte8, reserved));
 }
 
 char *sfp_option(uint16_t options, char **text)

@@ -353,6 +353,18 @@ int read_tcp_info(int fd, struct tcp_info *info)
     return 0;
 }
 
+namespace
+{
+
+// Each ends with its terminator, the last with two.
+constexpr char tcp_labels[] =
+    "RTO\0ATO\0Snd MSS\0Rcv MSS\0Un-ACK'ed\0SACK'ed\0Lost\0Retrans\0Fackets\0Last Data Sent\0Last ACK Sent\0"
+    "Last Data Recv\0Last ACK Recv\0PMTU\0Rcv SSThresh\0RTT\0RTT Var\0Snd SSThresh\0Snd CWND\0Adv MSS\0"
+    "Reordering\0Rcv RTT\0Rcv Space\0Total Retrans\0";
+static_assert(offsetof(tcp_info, tcpi_total_retrans) == offsetof(tcp_info, tcpi_rto) + 23 * sizeof(uint32_t));
+
+} // namespace
+
 void display_tcp_info(int level, const struct tcp_info *info)
 {
     if (level == QV_LOG_HEX_SILENT || !info)
@@ -368,25 +380,14 @@ void display_tcp_info(int level, const struct tcp_info *info)
     __qv_log(level, "Snd WScale     %#.1x", static_cast<unsigned int>(info->tcpi_snd_wscale));
     __qv_log(level, "Rcv WScale     %#.1x", static_cast<unsigned int>(info->tcpi_rcv_wscale));
 
-    const struct {
-        const char *label; // padded to the column of the numbers
+    // The words from the first timeout on stand in the order of the labels.
+    const auto *word = reinterpret_cast<const char *>(info) + offsetof(tcp_info, tcpi_rto);
+    for (const char *label = tcp_labels; *label != '\0';
+         label += strlen(label) + 1, word += sizeof(uint32_t)) {
         uint32_t value;
-    } words[] = {
-        {"RTO            ", info->tcpi_rto},           {"ATO            ", info->tcpi_ato},
-        {"Snd MSS        ", info->tcpi_snd_mss},       {"Rcv MSS        ", info->tcpi_rcv_mss},
-        {"Un-ACK'ed      ", info->tcpi_unacked},       {"SACK'ed        ", info->tcpi_sacked},
-        {"Lost           ", info->tcpi_lost},          {"Retrans        ", info->tcpi_retrans},
-        {"Fackets        ", info->tcpi_fackets},       {"Last Data Sent ", info->tcpi_last_data_sent},
-        {"Last ACK Sent  ", info->tcpi_last_ack_sent}, {"Last Data Recv ", info->tcpi_last_data_recv},
-        {"Last ACK Recv  ", info->tcpi_last_ack_recv}, {"PMTU           ", info->tcpi_pmtu},
-        {"Rcv SSThresh   ", info->tcpi_rcv_ssthresh},  {"RTT            ", info->tcpi_rtt},
-        {"RTT Var        ", info->tcpi_rttvar},        {"Snd SSThresh   ", info->tcpi_snd_ssthresh},
-        {"Snd CWND       ", info->tcpi_snd_cwnd},      {"Adv MSS        ", info->tcpi_advmss},
-        {"Reordering     ", info->tcpi_reordering},    {"Rcv RTT        ", info->tcpi_rcv_rtt},
-        {"Rcv Space      ", info->tcpi_rcv_space},     {"Total Retrans  ", info->tcpi_total_retrans},
-    };
-    for (const auto &word : words)
-        __qv_log(level, "%s%#.8x", word.label, word.value);
+        memcpy(&value, word, sizeof value);
+        __qv_log(level, "%-15s%#.8x", label, value);
+    }
     __qv_log(level, "==== End of Full TCP Information ====");
 }
 

@@ -11,7 +11,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -30,15 +29,16 @@
 
 #include "guard.h"
 #include "send_whole.h"
+#include "threads.h"
 
 namespace
 {
 
-constexpr int backlog = 2;
+constexpr int feed_backlog = 2;
 constexpr int shutdown_attempts = 3;
-constexpr size_t time_size = 26;                // of ctime_r
-constexpr size_t text_limit = 1022;             // a text of 1021 bytes and its terminator
-constexpr size_t message_size = 2 + text_limit; // ": ", the text and a line feed
+constexpr size_t time_size = 26;                     // of ctime_r
+constexpr size_t text_limit = 1022;                  // a text of 1021 bytes and its terminator
+constexpr size_t feed_message_size = 2 + text_limit; // ": ", the text and a line feed
 
 struct feed_client {
     int socket;
@@ -91,7 +91,7 @@ int open_listener(unsigned int port)
     address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_ANY);
     if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        listen(fd.get(), backlog) != 0)
+        listen(fd.get(), feed_backlog) != 0)
         return -1;
     return fd.release();
 }
@@ -185,17 +185,6 @@ void end_accept(feed *log)
     }
 }
 
-// The thread gets no signal: they are for the host's threads, and would end the accept.
-int start_thread(feed *log)
-{
-    sigset_t all, mask;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &mask);
-    const int error = pthread_create(&log->thread, nullptr, listen_for_clients, log);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
-    return error;
-}
-
 } // namespace
 
 #if defined(QVLIB_FIRMWARE)
@@ -261,7 +250,8 @@ void *tellog_start(unsigned int port)
     log->clients.next = log->clients.prev = &log->clients;
     log->listener = -1;
     pthread_mutex_init(&log->lock, nullptr);
-    return start_thread(log) == 0 ? log : nullptr; // without a thread the handle is kept, as the header says
+    // Without a thread the handle is kept, as the header says.
+    return qv::start_thread(&log->thread, false, listen_for_clients, log, {}) == 0 ? log : nullptr;
 }
 
 int tellog_finish(void *handle)
@@ -291,7 +281,7 @@ void qv_vtellog(void *handle, int level, const char *fmt, va_list ap)
         return;
     const qv::errno_guard unchanged;
     const int error = errno; // the text may contain %m
-    const block_guard message(malloc(message_size));
+    const block_guard message(malloc(feed_message_size));
     const block_guard when(malloc(time_size));
     const block_guard label(strdup(log_level(level)));
     if (!message.text() || !when.text() || !label.text())

@@ -38,8 +38,8 @@ namespace
 constexpr uint32_t last_fragment = 1;
 constexpr unsigned int type_shift = 24;
 constexpr uint32_t slice_max = 4096;
-constexpr uint32_t header_size = sizeof(corelink_msghdr);
-constexpr int buffer_size = 4 << 20; // asked for, in bytes; about 990 full fragments
+constexpr uint32_t message_header_size = sizeof(corelink_msghdr);
+constexpr int socket_buffer_size = 4 << 20; // asked for, in bytes; about 990 full fragments
 
 int refuse(int error)
 {
@@ -63,10 +63,10 @@ class message
     // Takes a block for the first header, which the caller zeroes and fills.
     bool start()
     {
-        data_ = static_cast<unsigned char *>(malloc(header_size));
+        data_ = static_cast<unsigned char *>(malloc(message_header_size));
         if (!data_)
             return false;
-        size_ = capacity_ = header_size;
+        size_ = capacity_ = message_header_size;
         return true;
     }
 
@@ -105,7 +105,7 @@ class message
     {
         // A message of one fragment gets a block of its size.
         const uint32_t doubled = capacity_ > UINT32_MAX / 2 ? UINT32_MAX : 2 * capacity_;
-        const uint32_t capacity = size_ == header_size ? needed : std::max(needed, doubled);
+        const uint32_t capacity = size_ == message_header_size ? needed : std::max(needed, doubled);
         auto *grown = static_cast<unsigned char *>(realloc(data_, capacity));
         data_ = grown; // after a failure the old block stays allocated, as the header says
         if (!grown)
@@ -123,7 +123,7 @@ bool read_fragment(int fd, corelink_msghdr &header, unsigned char *payload, uint
                    sockaddr_in *source)
 {
     header = {};
-    iovec pieces[] = {{&header, header_size}, {payload, length}};
+    iovec pieces[] = {{&header, message_header_size}, {payload, length}};
     msghdr datagram = {};
     datagram.msg_name = source;
     datagram.msg_namelen = sizeof *source;
@@ -137,7 +137,7 @@ bool read_fragment(int fd, corelink_msghdr &header, unsigned char *payload, uint
         return false;
     }
     const size_t filled =
-        got > static_cast<ssize_t>(header_size) ? static_cast<size_t>(got) - header_size : 0;
+        got > static_cast<ssize_t>(message_header_size) ? static_cast<size_t>(got) - message_header_size : 0;
     if (filled < length)
         memset(payload + filled, 0, length - filled);
     return true;
@@ -151,7 +151,7 @@ int corelink_setup_socket(const char *service)
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_DGRAM;
     hints.ai_protocol = IPPROTO_UDP;
-    return qvsock_listen(&hints, "127.0.0.1", service, 0, 0, buffer_size);
+    return qvsock_listen(&hints, "127.0.0.1", service, 0, 0, socket_buffer_size);
 }
 
 int corelink_sendmsg(int fd, uint16_t port, const corelink_msghdr *header, const void *data, uint32_t length)
@@ -166,7 +166,7 @@ int corelink_sendmsg(int fd, uint16_t port, const corelink_msghdr *header, const
     sockaddr_in destination = {};      // its family stays 0, which counts as IPv4
     destination.sin_port = htons(port);
     destination.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    iovec pieces[] = {{&copy, header_size}, {const_cast<void *>(data), 0}};
+    iovec pieces[] = {{&copy, message_header_size}, {const_cast<void *>(data), 0}};
     msghdr datagram = {};
     datagram.msg_name = &destination;
     datagram.msg_namelen = sizeof destination;
@@ -217,10 +217,10 @@ int corelink_receive_msg_block(int fd, sockaddr_in *source, corelink_msgbuf *res
     corelink_msghdr header;
     unsigned char *peeked = collected.first_header(); // so that the first header heads the message
     do {
-        memset(peeked, 0, header_size); // a short datagram leaves the rest zero
-        if (recv(fd, peeked, header_size, MSG_PEEK) < 0)
+        memset(peeked, 0, message_header_size); // a short datagram leaves the rest zero
+        if (recv(fd, peeked, message_header_size, MSG_PEEK) < 0)
             return -1;
-        memcpy(&header, peeked, header_size);
+        memcpy(&header, peeked, message_header_size);
         const uint16_t length = header.fragment_len;
         unsigned char *place = collected.room_for(length);
         if (!place || !read_fragment(fd, header, place, length, sender))

@@ -691,7 +691,7 @@ int count_nodes(tree_node *head)
 
 int get_node_list(tree_node *head, uint64_t *keys, int capacity)
 {
-    return list_entries(head, keys, capacity, key_of);
+    return list_entries(head, keys, capacity, [](const tree_node *node) { return key_of(node); });
 }
 
 int get_node_list_data(tree_node *head, void **items, int capacity)

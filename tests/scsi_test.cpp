@@ -4,6 +4,7 @@
 #include <qvlib/encoding.h>
 #include <qvlib/scsi.h>
 
+#include "first_use.h"
 #include "text_compression.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +12,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
 #include <map>
+#include <numeric>
+#include <random>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -60,15 +64,19 @@ std::string digest_of(const std::vector<row> &rows, const char *format)
 }
 
 // A text compressed and unpacked again, and how many bytes it takes meanwhile.
-template <size_t Size> std::string compressed_and_back(const char (&text)[Size], size_t &size)
+template <size_t Size> std::string compressed_and_back(const std::array<char, Size> &bytes, size_t &size)
 {
-    static std::array<char, Size - 1> bytes;
-    std::copy_n(text, Size - 1, bytes.begin());
-    const auto compressed = qv::compress(bytes);
+    static qv::compressed_text<Size> compressed;
+    compressed = qv::compress(bytes);
     size = compressed.size;
-    std::string unpacked(Size - 1, '?');
-    qv::unpack(compressed.bytes.data(), compressed.size, unpacked.data());
+    std::string unpacked(Size, '?');
+    qv::unpack(compressed.bytes.data(), unpacked.data(), Size);
     return unpacked;
+}
+
+template <size_t Size> std::string_view text_of(const std::array<char, Size> &bytes)
+{
+    return {bytes.data(), Size};
 }
 
 std::map<std::string, int> count_texts(const std::vector<row> &rows)
@@ -328,57 +336,86 @@ TEST(GetScsiStandard, IsNullForAnyOtherCode)
 
 // ---- Texts of a firmware build
 
-TEST(CompressedText, KeepsWhatDoesNotRepeat)
+TEST(CompressedText, KeepsEveryCharacter)
 {
     size_t size = 0;
-    EXPECT_EQ(compressed_and_back("A", size), "A");
-    EXPECT_EQ(size, 1u);
-    EXPECT_EQ(compressed_and_back("ABAB", size), "ABAB");
-    EXPECT_EQ(size, 4u);
-    EXPECT_EQ(compressed_and_back("ABCDEFGH\x7f", size), "ABCDEFGH\x7f");
-    EXPECT_EQ(size, 9u);
+    EXPECT_EQ(compressed_and_back(std::array{'A'}, size), "A");
+    std::array<char, 128> all;
+    std::iota(all.begin(), all.end(), '\0');
+    EXPECT_EQ(compressed_and_back(all, size), text_of(all));
 }
 
-TEST(CompressedText, TakesTwoBytesForARepeat)
+TEST(CompressedText, TakesLittleForWhatItIsJustRepeating)
 {
     size_t size = 0;
-    EXPECT_EQ(compressed_and_back("ABC-ABC", size), "ABC-ABC");
-    EXPECT_EQ(size, 6u);
-    EXPECT_EQ(compressed_and_back("LOGICAL UNIT|LOGICAL UNIT", size), "LOGICAL UNIT|LOGICAL UNIT");
-    EXPECT_EQ(size, 15u);
+    static std::array<char, 5000> bytes;
+    bytes.fill('A');
+    EXPECT_EQ(compressed_and_back(bytes, size), text_of(bytes));
+    EXPECT_LT(size, 40u);
+    for (size_t i = 0; i < bytes.size(); i++)
+        bytes[i] = "LOGICAL UNIT "[i % 13];
+    EXPECT_EQ(compressed_and_back(bytes, size), text_of(bytes));
+    EXPECT_LT(size, 60u);
 }
 
-TEST(CompressedText, RepeatsEighteenBytesAtMost)
+TEST(CompressedText, RepeatsUpToTheLongestAndBeyond)
 {
-    size_t size = 0;
-    const char text[] = "ABCDEFGHIJKLMNOPQR-ABCDEFGHIJKLMNOPQRABC";
-    EXPECT_EQ(compressed_and_back(text, size), text);
-    EXPECT_EQ(size, 19u + 2 + 2);
-}
-
-TEST(CompressedText, RepeatsWhatItIsJustWriting)
-{
-    size_t size = 0;
-    EXPECT_EQ(compressed_and_back("AAAAAAAAAAAAAAAAAAA", size), std::string(19, 'A'));
-    EXPECT_EQ(size, 3u);
-    EXPECT_EQ(compressed_and_back("ABABABAB", size), "ABABABAB");
-    EXPECT_EQ(size, 4u);
-}
-
-TEST(CompressedText, LooksTwoThousandAndFortyEightBytesBack)
-{
-    for (const size_t distance : {2048u, 2049u}) {
-        static std::array<char, 2049 + 8> bytes;
-        const size_t begin = bytes.size() - 8 - distance;
-        bytes.fill('.');
-        std::copy_n("REPEATED", 8, bytes.begin() + static_cast<ptrdiff_t>(begin));
-        std::copy_n("REPEATED", 8, bytes.end() - 8);
-        const auto compressed = qv::compress(bytes);
-        std::string unpacked(bytes.size(), '?');
-        qv::unpack(compressed.bytes.data(), compressed.size, unpacked.data());
-        EXPECT_EQ(unpacked, std::string_view(bytes.data(), bytes.size()));
-        EXPECT_EQ(compressed.bytes[compressed.size - 1] == 'D', distance > 2048) << distance;
+    static std::array<char, 1000> bytes;
+    for (size_t length = 250; length < 260; length++) {
+        std::mt19937 random(1);
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() % 128); });
+        std::copy_n(bytes.begin() + 100, length, bytes.begin() + 500);
+        size_t size = 0;
+        EXPECT_EQ(compressed_and_back(bytes, size), text_of(bytes)) << length;
     }
+}
+
+TEST(CompressedText, LooksBackAsFarAsItSays)
+{
+    static std::array<char, qv::farthest_repeat + 40> bytes;
+    size_t near = 0, far = 0;
+    for (size_t *size : {&near, &far}) {
+        const size_t distance = qv::farthest_repeat + (size == &far);
+        bytes.fill('.');
+        const auto *text = "A TEXT THAT IS NOWHERE ELSE";
+        std::copy_n(text, 27, bytes.end() - 27);
+        std::copy_n(text, 27, bytes.end() - 27 - static_cast<ptrdiff_t>(distance));
+        EXPECT_EQ(compressed_and_back(bytes, *size), text_of(bytes)) << distance;
+    }
+    EXPECT_LT(near + 10, far);
+}
+
+TEST(CompressedText, KeepsTextsOfManyKinds)
+{
+    std::mt19937 random(7);
+    static std::array<char, 700> bytes;
+    for (unsigned int characters = 1; characters <= 128; characters++) {
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() % characters); });
+        size_t size = 0;
+        EXPECT_EQ(compressed_and_back(bytes, size), text_of(bytes)) << characters;
+    }
+}
+
+std::atomic<int> times_made;
+
+void make_numbers(std::array<int, 1000> &numbers)
+{
+    times_made++;
+    numbers.fill(7);
+}
+
+TEST(MadeAtFirstUse, IsMadeOnceByWhicheverThreadComesFirst)
+{
+    static constinit qv::made_at_first_use<std::array<int, 1000>, make_numbers> numbers;
+    std::vector<std::thread> threads;
+    std::atomic<int> sum = 0;
+    EXPECT_EQ(times_made, 0);
+    for (int i = 0; i < 8; i++)
+        threads.emplace_back([&] { sum += numbers.get().back(); });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(sum, 8 * 7);
+    EXPECT_EQ(times_made, 1);
 }
 
 TEST(GetAscascqInfo, AnswersThreadsThatAskFirstAtOnce)
