@@ -94,8 +94,8 @@ int replace_all(char **str, replacement_fn replacement)
     return static_cast<int>(new_length);
 }
 
-// A formatted text of known length. Short ones are kept, so that they are formatted once: by format_plainly
-// where it can, which firmware leaves to the C library. Others are formatted again where they go.
+// A formatted text of known length. Short ones are kept, so that they are formatted once, and by
+// format_plainly where it can. Others, and all in firmware, are formatted again where they go.
 class formatted
 {
   public:
@@ -122,7 +122,7 @@ class formatted
     int write(char *to)
     {
         const size_t size = static_cast<size_t>(length_) + 1;
-        if (size > sizeof text_)
+        if (!kept || size > sizeof text_)
             return vsnprintf(to, size, fmt_, ap_);
         memcpy(to, text_, size);
         return length_;
@@ -138,7 +138,7 @@ class formatted
     const char *fmt_;
     va_list ap_;
     int length_;
-    char text_[256];
+    char text_[kept ? 256 : 1];
 };
 
 bool is_alnum(char c)

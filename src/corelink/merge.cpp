@@ -666,7 +666,7 @@ class tree_merge
 
     int ask(clparse_node *target, clparse_node *source)
     {
-        if (asks_all())
+        if (!by_words || asks_all())
             return found_(target, source);
         if (is_container(source) || !have_equal_tags(target, source))
             return -1;
