@@ -75,11 +75,8 @@ endif()
 # What is installed, and what distributions pass.
 set(install ${CMAKE_CURRENT_SOURCE_DIR}/install)
 if(NOT SANITIZED AND NOT CMAKE_CROSSCOMPILING AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
-  set(with_tools OFF)
-  if(QVLIB_BUILD_TOOLS)
-    set(with_tools ON)
-  endif()
   add_test(NAME Install.ServesProgramsByPkgConfigAndCMake
-    COMMAND ${install}/install_test.sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_LIBDIR} ${PROJECT_VERSION} ${with_tools})
+    COMMAND ${install}/install_test.sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_LIBDIR} ${PROJECT_VERSION}
+      $<IF:$<BOOL:${QVLIB_BUILD_TOOLS}>,ON,OFF> $<IF:$<OR:$<BOOL:${QVLIB_BUILD_EXAMPLES}>,$<BOOL:${QVLIB_BUILD_DOCS}>>,ON,OFF>)
   add_test(NAME Install.TakesWhatTheRecipesPass COMMAND ${install}/recipes_test.sh ${PROJECT_SOURCE_DIR})
 endif()

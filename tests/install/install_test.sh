@@ -1,11 +1,12 @@
 #!/bin/sh
 # Installs a build below a root and another prefix, sees that every file is there, and lets programs use it.
-#   install_test.sh BUILD LIBDIR VERSION WITH_TOOLS
+#   install_test.sh BUILD LIBDIR VERSION WITH_TOOLS WITH_EXAMPLES
 set -eu
 build=$1
 libdir=$2
 version=$3
 tools=$4
+examples=$5
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
@@ -15,8 +16,9 @@ DESTDIR=$root cmake --install "$build" --prefix $prefix >/dev/null
 cd "$root$prefix"
 set -- "$libdir/libqvlib.so.$version" "$libdir/libqvlib.so.1" "$libdir/libqvlib.so" "$libdir/libqvlib.a" \
     include/qvlib.h include/qvlib/corelink.h "$libdir/pkgconfig/qvlib.pc" "$libdir/cmake/qvlib/qvlib-config.cmake" \
-    "$libdir/cmake/qvlib/qvlib-config-version.cmake" share/doc/qvlib/examples/unitd.c \
-    share/doc/qvlib/examples/config/appliance.cl share/doc/qvlib/docs/corelink.md
+    "$libdir/cmake/qvlib/qvlib-config-version.cmake"
+[ "$examples" != ON ] || set -- "$@" share/doc/qvlib/examples/unitd.c share/doc/qvlib/examples/config/appliance.cl \
+    share/doc/qvlib/docs/corelink.md
 [ "$tools" != ON ] || set -- "$@" bin/qvl share/man/man1/qvl.1 share/bash-completion/completions/qvl
 for file; do
     [ -e "$file" ] || {
