@@ -84,34 +84,34 @@ q_elem *find_in_list(q_queue *q, q_elem *head, unsigned int key)
     return nullptr;
 }
 
-__attribute__((noinline)) q_elem *find_in_lists(q_queue *q, unsigned int key)
+__attribute__((noinline)) q_elem *find_by_flags(q_queue *q, unsigned int key, unsigned int flags)
 {
-    for (unsigned int i = 0; i < q->list_count; i++)
-        if (q_elem *elem = find_in_list(q, &q->lists[i], key))
-            return elem;
-    return nullptr;
-}
-
-q_elem *find_by_flags(q_queue *q, unsigned int key, unsigned int flags)
-{
+    if (q == nullptr)
+        return nullptr;
     if ((flags & Q_SKIP_SLOT) == 0) {
         q_elem *elem = *slot_of(q, key);
         if (elem != nullptr && ((flags & Q_ANY_OCCUPANT) != 0 || q->compare(elem->data, key, flags) != 0))
             return elem;
     }
-    return (flags & Q_SLOT_ONLY) == 0 ? find_in_lists(q, key) : nullptr;
+    if ((flags & Q_SLOT_ONLY) == 0)
+        for (unsigned int i = 0; i < q->list_count; i++)
+            if (q_elem *elem = find_in_list(q, &q->lists[i], key))
+                return elem;
+    return nullptr;
 }
 
-// Part of each of its callers, with a road of its own for no flags: a lookup in a slot is so short that a
-// further call, or registers kept for the flags, would show.
-inline q_elem *find_element(q_queue *q, unsigned int key, unsigned int flags)
+__attribute__((noinline)) void *refer_by_flags(q_queue *q, unsigned int key, unsigned int flags)
 {
-    if (q == nullptr)
-        return nullptr;
-    if (flags != 0)
-        return find_by_flags(q, key, flags);
+    q_elem *elem = find_by_flags(q, key, flags);
+    return elem != nullptr ? elem->data : nullptr;
+}
+
+// What a look-up without flags finds in the key's slot; what it does not find there is looked for by
+// Q_SKIP_SLOT. A look-up is so short that registers kept for flags and lists would show.
+inline q_elem *find_in_slot(q_queue *q, unsigned int key)
+{
     q_elem *elem = *slot_of(q, key);
-    return elem != nullptr && q->compare(elem->data, key, 0) != 0 ? elem : find_in_lists(q, key);
+    return elem != nullptr && q->compare(elem->data, key, 0) != 0 ? elem : nullptr;
 }
 
 q_queue *allocate_queue(unsigned int slot_count)
@@ -234,13 +234,18 @@ q_elem *q_add_list(q_queue *q, void *item, unsigned int list, void *arg)
 
 q_elem *q_refer_element(q_queue *q, unsigned int key, unsigned int flags)
 {
-    return find_element(q, key, flags);
+    if (q == nullptr || flags != 0)
+        return find_by_flags(q, key, flags);
+    q_elem *elem = find_in_slot(q, key);
+    return elem != nullptr ? elem : find_by_flags(q, key, Q_SKIP_SLOT);
 }
 
 void *q_refer(q_queue *q, unsigned int key, unsigned int flags)
 {
-    q_elem *elem = find_element(q, key, flags);
-    return elem != nullptr ? elem->data : nullptr;
+    if (q == nullptr || flags != 0)
+        return refer_by_flags(q, key, flags);
+    q_elem *elem = find_in_slot(q, key);
+    return elem != nullptr ? elem->data : refer_by_flags(q, key, Q_SKIP_SLOT);
 }
 
 q_elem *q_refer_list_element(q_queue *q, unsigned int list, unsigned int key)
