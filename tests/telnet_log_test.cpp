@@ -161,10 +161,9 @@ TEST(FeedTime, IsThatOfTheCLibraryInAnyZone)
 
 TEST(FeedTime, IsEmptyForATimeThatNoCalendarHolds)
 {
-    if (sizeof(time_t) < 8)
-        GTEST_SKIP() << "every time of this machine has a date";
     char text[26];
-    EXPECT_EQ(qv::feed_time(std::numeric_limits<time_t>::max(), text), 0u);
+    const size_t length = sizeof(time_t) < 8 ? sizeof "Tue Jan 19 03:14:07 2038" : 0; // that has a date
+    EXPECT_EQ(qv::feed_time(std::numeric_limits<time_t>::max(), text), length);
 }
 
 TEST_F(TelnetLog, LabelsEveryLevel)
