@@ -626,6 +626,20 @@ TEST(Yyparse, FillsAHeadOfInitHead)
     EXPECT_EQ(corelink_of(owner), "a={b=1,d=2},c=[]");
 }
 
+TEST(Yyparse, GoesOnBehindAQuoteThatOpensNoString)
+{
+    clparse_head *head = nullptr;
+    ASSERT_EQ(clparse_init_head(&head), 0);
+    const head_ptr owner(head);
+    void *scanner = nullptr;
+    ASSERT_EQ(yylex_init(&scanner), 0);
+    ASSERT_NE(yy_scan_string("a=\"b=1,c=[2]", scanner), nullptr);
+    parse_rejected_text(scanner, head);
+    EXPECT_EQ(yyparse(scanner, head), 0);
+    yylex_destroy(scanner);
+    EXPECT_EQ(corelink_of(owner), "b=1,c=[2]");
+}
+
 TEST(Yyparse, ReadsAStream)
 {
     clparse_head *head = nullptr;

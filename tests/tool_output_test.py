@@ -71,7 +71,8 @@ class Output(ToolTest):
             "big.cl",
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (4096, 4096)),
         )
-        self.assertEqual(message, "qvl: out: File too large\n")
+        # Whatever a profiling run time says of its own files comes behind.
+        self.assertEqual(message.splitlines()[0], "qvl: out: File too large")
         self.assertEqual((self.read("out"), self.leftovers()), (b"old", []))
 
     def test_may_be_the_input(self):
