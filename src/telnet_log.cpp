@@ -205,8 +205,8 @@ size_t qv::feed_time(time_t now, char *text)
 {
     constexpr char days[] = "SunMonTueWedThuFriSat", months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
     tm local = {};
-    if (!localtime_r(&now, &local))
-        return 0;
+    if (!localtime_r(&now, &local) || local.tm_year < -1900 || local.tm_year > 9999 - 1900)
+        return 0; // as ctime_r has no text for more digits
     char *at = text;
     const auto put_name = [&at](const char *name) {
         at = static_cast<char *>(memcpy(at, name, 3)) + 3;

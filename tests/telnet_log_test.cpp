@@ -164,6 +164,10 @@ TEST(FeedTime, IsEmptyForATimeThatNoCalendarHolds)
     char text[26];
     const size_t length = sizeof(time_t) < 8 ? sizeof "Tue Jan 19 03:14:07 2038" : 0; // that has a date
     EXPECT_EQ(qv::feed_time(std::numeric_limits<time_t>::max(), text), length);
+    constexpr int64_t year_10000 = INT64_C(253402387200); // its second day
+    if constexpr (sizeof(time_t) >= sizeof year_10000) {
+        EXPECT_EQ(qv::feed_time(year_10000, text), 0u);
+    }
 }
 
 TEST_F(TelnetLog, LabelsEveryLevel)

@@ -25,21 +25,21 @@ inline unsigned int count_digits(uint64_t number)
     return about + (number >= powers[about]);
 }
 
-// Divides a number by 100; returns the remainder. On a 32-bit machine by four of its own divisions, where the
-// compiler's library would need several times as much code and time.
-inline size_t take_pair(uint64_t &number)
+// Divides a number by 10 or 100; returns the remainder. On a 32-bit machine by four of its own divisions,
+// where the compiler's library would need several times as much code and time.
+template <uint32_t divisor> size_t take_digits(uint64_t &number)
 {
     if constexpr (sizeof(size_t) >= sizeof(uint64_t)) {
-        const auto pair = static_cast<size_t>(number % 100);
-        number /= 100;
-        return pair;
+        const auto digits = static_cast<size_t>(number % divisor);
+        number /= divisor;
+        return digits;
     }
     uint32_t rest = 0;
     uint64_t quotient = 0;
     for (int shift = 48; shift >= 0; shift -= 16) {
         rest = rest << 16 | static_cast<uint16_t>(number >> shift);
-        quotient = quotient << 16 | rest / 100;
-        rest %= 100;
+        quotient = quotient << 16 | rest / divisor;
+        rest %= divisor;
     }
     number = quotient;
     return rest;
@@ -58,7 +58,7 @@ inline void put_digits(char *to, uint64_t number, unsigned int digits)
     }();
     char *at = to + digits;
     while (number >= 100)
-        at = static_cast<char *>(memcpy(at - 2, &pairs[take_pair(number) * 2], 2));
+        at = static_cast<char *>(memcpy(at - 2, &pairs[take_digits<100>(number) * 2], 2));
     if (number >= 10)
         memcpy(to, &pairs[static_cast<size_t>(number * 2)], 2);
     else

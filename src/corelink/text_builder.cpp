@@ -12,32 +12,6 @@
 
 namespace qv
 {
-#if defined(QVLIB_FIRMWARE)
-namespace
-{
-
-// Divides a number by ten; returns the remainder. On a 32-bit machine by four of its own divisions, where the
-// compiler's library would need several times as much code and time.
-uint32_t take_digit(uint64_t &number)
-{
-    if constexpr (sizeof(size_t) >= sizeof(uint64_t)) {
-        const auto digit = static_cast<uint32_t>(number % 10);
-        number /= 10;
-        return digit;
-    }
-    uint32_t rest = 0;
-    uint64_t quotient = 0;
-    for (int shift = 48; shift >= 0; shift -= 16) {
-        rest = rest << 16 | static_cast<uint16_t>(number >> shift);
-        quotient = quotient << 16 | rest / 10;
-        rest %= 10;
-    }
-    number = quotient;
-    return rest;
-}
-
-} // namespace
-#endif
 
 char *resize_text(char *text, size_t size)
 {
@@ -58,7 +32,7 @@ bool text_builder::append_number(uint64_t number)
 {
     char digits[20], *const end = std::end(digits), *at = end;
     do {
-        *--at = static_cast<char>('0' + take_digit(number));
+        *--at = static_cast<char>('0' + take_digits<10>(number));
     } while (number != 0);
     return append(at, static_cast<size_t>(end - at));
 }
