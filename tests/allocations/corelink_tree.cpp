@@ -264,7 +264,7 @@ SCENARIO(insert_sorted)
 {
     const tree target(members("p", 30, "1"));
     std::string added;
-    for (int i = 59; i >= 30; i--)
+    for (int i = 79; i >= 30; i--)
         added += (added.empty() ? "p" : ",p") + std::to_string(i) + "=2";
     const tree source(added + ",p200={p3=1,p1=1}");
     if (CALL(clparse_insert_sort, target, source) != 0) {
@@ -273,7 +273,7 @@ SCENARIO(insert_sorted)
         EXPECT_EQ(clparse_insert_sort(target, source), 0);
     }
     std::string expected =
-        members("p", 30, "1") + "," + members("p", 60, "2").substr(members("p", 30, "2").size() + 1);
+        members("p", 30, "1") + "," + members("p", 80, "2").substr(members("p", 30, "2").size() + 1);
     char *text = nullptr;
     EXPECT_EQ(clparse_get_corelink(target, &text, 0), 0);
     EXPECT_EQ(std::string(text), expected + ",p200={p1=1,p3=1}");

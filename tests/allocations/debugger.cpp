@@ -57,6 +57,23 @@ SCENARIO(allocate_blocks)
     EXPECT_EQ(CALL(qv_memcheck_realloc, block, 0, "scenario", 5), nullptr);
 }
 
+// More names than a session finds without an index, for which memory may be short.
+SCENARIO(allocate_under_many_names)
+{
+    constexpr int count = 70;
+    std::vector<std::string> names;
+    for (int i = 0; i < count; i++)
+        names.push_back("scenario" + std::to_string(i));
+    std::vector<void *> blocks;
+    for (const std::string &name : names)
+        blocks.push_back(CALL(qv_memcheck_malloc, malloc, 8, name.c_str(), 1));
+    for (int i = 0; i < count; i++) {
+        EXPECT_TRUE(blocks[i] || failed());
+        if (blocks[i])
+            CALL(qv_memcheck_free, qv_free, blocks[i], names[i].c_str());
+    }
+}
+
 // A block that could not be resized is the caller's as before; of one for which memory itself was short a
 // session knows nothing any more, and it is lost to the caller.
 SCENARIO(resize_blocks)
