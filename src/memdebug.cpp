@@ -681,18 +681,6 @@ void free_session(memdebug_session *session)
     free(session);
 }
 
-// Ends the connections of all clients.
-void disconnect_clients(memdebug_session *session)
-{
-    retire_clients(session);
-    const mutex_guard lock(session->client_lock);
-    for (console_client *client = session->retired; client; client = client->next) {
-        if (client->socket >= 0)
-            close(client->socket);
-        client->socket = -1;
-    }
-}
-
 // Waits a while until no thread is inside a session. The caller may itself be inside, when it closes the
 // session from the error hook.
 bool threads_have_left()
@@ -798,7 +786,7 @@ void close_session(memdebug_session *session)
     the_session.compare_exchange_strong(expected, nullptr);
     session->enabled = 0;
     session->stop_at = clock_ms();
-    disconnect_clients(session);
+    retire_clients(session);
     session->next_closed = closed_sessions;
     while (!closed_sessions.compare_exchange_weak(session->next_closed, session)) {
     }

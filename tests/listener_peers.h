@@ -115,6 +115,20 @@ inline int threads_by_now()
 }
 
 // A connection to a port of this host.
+// Closes the connections that a listener at a port took and left open, in this process; returns how many.
+inline int close_taken_at(unsigned int port)
+{
+    int closed = 0;
+    for (int fd = 0; fd < FD_SETSIZE; fd++) {
+        sockaddr_in own = {};
+        socklen_t size = sizeof own;
+        if (getsockname(fd, reinterpret_cast<sockaddr *>(&own), &size) == 0 && own.sin_family == AF_INET &&
+            ntohs(own.sin_port) == port)
+            closed += close(fd) == 0;
+    }
+    return closed;
+}
+
 class client
 {
   public:

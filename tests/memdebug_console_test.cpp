@@ -155,6 +155,7 @@ class MemdebugConsole : public testing::Test
         }
         qv_log_setlevel(-1);
         EXPECT_EQ(qv::running_session(), nullptr);
+        peers::close_taken_at(port_); // the stop leaves them on purpose
         EXPECT_EQ(peers::descriptors(), descriptors_);
         EXPECT_TRUE(peers::eventually([] { return peers::threads_named("qvl-memdebug") == 0; }));
     }
@@ -753,8 +754,23 @@ TEST_F(MemdebugClients, SeeTheConsole)
     EXPECT_THAT(first.read_until("DEBUG---"), HasSubstr("=== Quaverlight Memory Debugger ==="));
     EXPECT_THAT(second.read_until("DEBUG---"), HasSubstr("=== Quaverlight Memory Debugger ==="));
     stop();
-    EXPECT_TRUE(first.read_to_end());
-    EXPECT_THAT(first.text(), HasSubstr("MemDebug Complete"));
+    EXPECT_THAT(first.read_until("MemDebug Complete"), HasSubstr("MemDebug Complete"));
+}
+
+TEST_F(MemdebugClients, StayConnectedAfterTheStop)
+{
+    listen();
+    client peer(port_);
+    peer.read_until("DEBUG---");
+    stop();
+    peer.read_until("MemDebug Complete");
+    while (peer.has_input(100)) { // the rest of the line
+        const size_t before = peer.text().size();
+        peer.read_until(" =");
+        ASSERT_GT(peer.text().size(), before) << "the connection ended";
+    }
+    EXPECT_EQ(peers::close_taken_at(port_), 1);
+    EXPECT_TRUE(peer.read_to_end());
 }
 
 TEST_F(MemdebugClients, MayComeByEveryAddressOfTheHost)
@@ -784,6 +800,7 @@ TEST_F(MemdebugClients, GetNothingWhileADescriptorIsGiven)
     client peer(port_);
     EXPECT_TRUE(peers::eventually([&] { return console.text().find("DEBUG---") != std::string::npos; }));
     ASSERT_EQ(qv_memcheck_stop(), 0);
+    EXPECT_EQ(peers::close_taken_at(port_), 1);
     EXPECT_TRUE(peer.read_to_end());
     EXPECT_EQ(peer.text(), "");
 }
@@ -827,7 +844,7 @@ TEST_F(MemdebugClients, ThatNeverReadDoNotStopTheProgram)
     client stuck(port_, 1024), reader(port_);
     ASSERT_TRUE(stuck.has_input(20000));
     reader.read_until("DEBUG---");
-    std::thread reading([&] { reader.read_to_end(); });
+    std::thread reading([&] { reader.read_until("MemDebug Complete"); });
     const auto began = std::chrono::steady_clock::now();
     for (int i = 0; i < 10000; i++)
         gotoline(20, "%s line %d", std::string(900, '.').c_str(), i);
@@ -873,7 +890,7 @@ TEST_F(MemdebugClients, ThatReadLateSeeTheEndBesideOneThatNeverReads)
     }
     std::thread reading([&] {
         peers::sleep_us(60000);
-        late.read_to_end();
+        late.read_until("MemDebug Complete");
     });
     const auto began = std::chrono::steady_clock::now();
     stop();
@@ -915,7 +932,7 @@ TEST_F(MemdebugClients, AreTakenNoMoreAfterAFailedAccept)
                std::string::npos;
     }));
     EXPECT_EQ(qv_memcheck_stop(), 0);
-    EXPECT_TRUE(first.read_to_end());
+    EXPECT_EQ(peers::close_taken_at(port_), 2);
 }
 
 // ---- All at once
@@ -943,6 +960,7 @@ TEST_F(MemdebugStop, IsPromptWheneverItComes)
         const auto start = std::chrono::steady_clock::now();
         ASSERT_EQ(qv_memcheck_stop(), 0);
         longest = std::max(longest, peers::seconds_since(start));
+        peers::close_taken_at(port);
     }
     peers::delay_us = 0;
     EXPECT_LT(longest, longest_stop * slowness);

@@ -73,9 +73,7 @@ lines errors_beside_the_stop(const lines &all)
 {
     lines found = errors_among(all);
     for (const int error : {EINTR, EINVAL})
-        for (const char *line :
-             {"ERROR: accept_thread: accept: %E", "ERROR: accept_thread: accept function failed: %E"})
-            std::erase(found, with_error(line, error));
+        std::erase(found, with_error("ERROR: accept_thread: accept function failed: %E", error));
     return found;
 }
 
@@ -661,7 +659,6 @@ TEST_F(SystemCallsOfTheConsole, LeaveItWithoutAListener)
                 expected.clear();
             expected.push_back("ERROR: qvsock_listen: unable to bind to port " + service + " %e");
             expected.push_back("ERROR: accept_thread: failed to create socket: %E");
-            expected.push_back("ERROR: accept_thread: accept: Bad file descriptor (9)");
             expected.push_back("ERROR: accept_thread: accept function failed: Bad file descriptor (9)");
             EXPECT_THAT(errors_among(log.take()), ElementsAreArray(with_error(expected, error)));
         });
@@ -678,30 +675,8 @@ TEST_F(SystemCallsOfTheConsole, EndItsListener)
         EXPECT_EQ(start(service.c_str(), 0), 0);
         EXPECT_TRUE(eventually([&] { return failing.failures() == 1 && threads() == before + 1; }));
         EXPECT_EQ(qv_memcheck_stop(), 0);
-        lines expected = {"ERROR: accept_thread: accept: %E",
-                          "ERROR: accept_thread: accept function failed: %E"};
-        if (error == EAGAIN)
-            expected.erase(expected.begin());
-        EXPECT_THAT(errors_among(log.take()), ElementsAreArray(with_error(expected, error)));
-    });
-    with_each_error("getnameinfo", [](int error) {
-        const unsigned int port = peers::free_port();
-        const std::string service = std::to_string(port);
-        log_lines log;
-        const failing failing("getnameinfo", error, any, 1, 1); // the first is the listener's own
-        EXPECT_EQ(start(service.c_str(), 0), 0);
-        client peer(port);
-        EXPECT_TRUE(peer.read_to_end());
-        EXPECT_EQ(peer.text(), "");
-        EXPECT_EQ(qv_memcheck_stop(), 0);
-        const lines logged = errors_among(log.take());
-        ASSERT_EQ(logged.size(), 2u);
-        EXPECT_EQ(logged[0], with_error("ERROR: accept_thread: getnameinfo: %E", error));
-        EXPECT_THAT(logged[1],
-                    StartsWith(with_error("ERROR: accept_thread: accept function failed: ", error)));
-        if (error > 0) {
-            EXPECT_THAT(logged[1], EndsWith(with_error("%E", error)));
-        }
+        EXPECT_THAT(errors_among(log.take()),
+                    ElementsAre(with_error("ERROR: accept_thread: accept function failed: %E", error)));
     });
 }
 
@@ -740,7 +715,7 @@ TEST_F(SystemCallsOfTheConsole, DropAClientOrAreRepeated)
             EXPECT_TRUE(eventually([] { return faults == 1; }));
         }
         EXPECT_EQ(qv_memcheck_stop(), 0);
-        EXPECT_TRUE(older.read_to_end());
+        EXPECT_EQ(peers::close_taken_at(port), repeated ? 2 : 1); // kept on purpose
         EXPECT_THAT(errors_beside_the_stop(log.take()), IsEmpty());
     }
 }
@@ -797,6 +772,7 @@ TEST_F(SystemCallsOfTheConsole, DropAClientForWhichNobodyCanWait)
         else
             EXPECT_TRUE(peer.read_to_end());
         EXPECT_EQ(qv_memcheck_stop(), 0);
+        EXPECT_EQ(peers::close_taken_at(port), error == EINTR ? 1 : 0); // kept on purpose
         EXPECT_THAT(errors_beside_the_stop(log.take()), IsEmpty());
     });
 }
@@ -876,8 +852,9 @@ TEST_F(SystemCallsOfTheConsole, DoNotKeepItFromEnding)
     const struct {
         const char *call;
         int successes;
-    } steps[] = {{"pthread_kill", 0}, {"pthread_tryjoin_np", 0}, {"close", 0},  {"close", 1},
-                 {"nanosleep", 0},    {"sigaction", 0},          {"fflush", 0}, {"clock_gettime", 0}};
+    } steps[] = {{"pthread_kill", 0}, {"pthread_tryjoin_np", 0}, {"close", 0},
+                 {"nanosleep", 0},    {"sigaction", 0},          {"fflush", 0},
+                 {"clock_gettime", 0}};
     for (const auto &one : steps) {
         with_each_error(one.call, [&](int error) {
             const unsigned int port = peers::free_port();
@@ -889,7 +866,7 @@ TEST_F(SystemCallsOfTheConsole, DoNotKeepItFromEnding)
             const failing failing(one.call, error, any, one.successes, 1);
             EXPECT_EQ(qv_memcheck_stop(), 0);
             EXPECT_EQ(failing.failures(), 1);
-            EXPECT_TRUE(peer.read_to_end());
+            EXPECT_EQ(peers::close_taken_at(port), 1); // kept on purpose
             EXPECT_THAT(errors_beside_the_stop(log.take()), IsEmpty());
         });
     }
@@ -922,7 +899,7 @@ TEST_F(SystemCallsOfTheConsole, EndItWhereTheSignalWouldEndTheProcess)
             const failing failing(call, error, any, 0, 1);
             EXPECT_EQ(qv_memcheck_stop(), 0);
             EXPECT_EQ(failing.failures(), 1);
-            EXPECT_TRUE(peer.read_to_end());
+            EXPECT_EQ(peers::close_taken_at(port), 1); // kept on purpose
         });
     }
 }

@@ -131,7 +131,8 @@ int qv_memcheck_start(const char *service, int output_fd, void (*error_hook)(int
 
 /*
  * Stops the memory debugger: logs and draws the table a last time, ends both threads, closes the console's
- * port and clients, and forgets the blocks. The functions here are plain allocation afterwards.
+ * port, and forgets the blocks. The functions here are plain allocation afterwards. The sockets of the
+ * console's clients stay open, until the process ends.
  *
  * The listener is woken by SIGUSR1, so the host has a handler for it that lets a blocked accept return;
  * without one the port is shut down instead. Until it returns no client of the console or of the telnet log
