@@ -122,11 +122,9 @@ int weak_spin_destroy(void **word)
 
 int qv_reference_prep(qv_reference *ref, void (*release)(void *), void *release_arg)
 {
-    const int error = ref ? qv::spin_init(&ref->lock, 0) : EINVAL;
-    if (error) {
-        errno = error;
+    errno = ref ? qv::spin_init(&ref->lock, 0) : EINVAL;
+    if (errno != 0)
         return -1;
-    }
     ref->count = 0;
     ref->release = release;
     ref->release_arg = release_arg;

@@ -823,11 +823,8 @@ rgui_session *rgui_start_remote(rgui_send_fn send, void *cookie)
 
 int rgui_data_rx(rgui_session *session, const rgui_pdu *data, size_t length)
 {
-    if (!SOFT_ASSERT(session != nullptr, "session != ((void *)0)") ||
-        !SOFT_ASSERT(data != nullptr, "data != ((void *)0)"))
-        return -1;
-    const session_call call(session);
-    if (!call.is_live())
+    (void)SOFT_ASSERT(session != nullptr, "session != ((void *)0)"); // its PDU is looked at nevertheless
+    if (!SOFT_ASSERT(data != nullptr, "data != ((void *)0)"))
         return -1;
     const rgui_pdu header = read_header(data, length);
     if (length < pdu_header_size || header.size != length - pdu_header_size) {
@@ -835,6 +832,9 @@ int rgui_data_rx(rgui_session *session, const rgui_pdu *data, size_t length)
         rgui_dump_pdu(QV_LOG_ERROR, "rgui_data_rx", data, length);
         return -1;
     }
+    const session_call call(session);
+    if (!call.is_live())
+        return -1;
     switch (header.opcode) {
     case RGUI_DATA:
         return send_data(session, header.id, payload_of(data), header.size);

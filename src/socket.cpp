@@ -400,16 +400,13 @@ int qv_getmac(const char *ifname, uint8_t mac[6])
     const file_guard file(open_address_file(ifname));
     if (!file.get())
         return -1;
-    uint8_t b[6];
     // NOLINTNEXTLINE(cert-err34-c): two digits fit a byte
-    if (fscanf(file.get(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5]) !=
-        6) {
-        if (!ferror(file.get()))
-            errno = EINVAL;
-        return -1;
-    }
-    memcpy(mac, b, sizeof b);
-    return 0;
+    if (fscanf(file.get(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx", &mac[0], &mac[1], &mac[2], &mac[3], &mac[4],
+               &mac[5]) == 6)
+        return 0;
+    if (!ferror(file.get()))
+        errno = EINVAL;
+    return -1;
 }
 
 uint64_t qv_getmac64(const char *ifname)

@@ -80,7 +80,9 @@ TEST(Reference, StartsWithoutHolders)
 {
     callback record;
     qv_reference ref;
+    errno = EIO;
     ASSERT_EQ(qv_reference_prep(&ref, called, &record), 0);
+    EXPECT_EQ(errno, 0);
     EXPECT_EQ(ref.count, 0);
     EXPECT_EQ(ref.release, called);
     EXPECT_EQ(ref.release_arg, &record);

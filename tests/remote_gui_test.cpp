@@ -425,14 +425,25 @@ TEST_F(RguiRemote, RefusesAMissingSessionOrPdu)
     log_lines log;
     EXPECT_EQ(give(nullptr, RGUI_CLOSE, 1), -1);
     EXPECT_EQ(rgui_data_rx(session_, nullptr, 8), -1);
+    EXPECT_EQ(rgui_data_rx(nullptr, nullptr, 8), -1);
     rgui_stop_local(nullptr);
     rgui_stop_remote(nullptr);
     const char *session = "ERROR: assert session != \\(\\(void \\*\\)0\\) .*remote_gui.cpp:[0-9]+";
-    EXPECT_THAT(
-        log.take(),
-        ElementsAre(MatchesRegex(session),
-                    MatchesRegex("ERROR: assert data != \\(\\(void \\*\\)0\\) .*remote_gui.cpp:[0-9]+"),
-                    MatchesRegex(session), MatchesRegex(session)));
+    const char *data = "ERROR: assert data != \\(\\(void \\*\\)0\\) .*remote_gui.cpp:[0-9]+";
+    EXPECT_THAT(log.take(), ElementsAre(MatchesRegex(session), MatchesRegex(data), MatchesRegex(session),
+                                        MatchesRegex(data), MatchesRegex(session), MatchesRegex(session)));
+}
+
+TEST_F(RguiRemote, LooksAtTheLengthAlsoWithoutASession)
+{
+    log_lines log;
+    const rgui_pdu pdu = {RGUI_DATA, 0, 5, 3};
+    EXPECT_EQ(rgui_data_rx(nullptr, &pdu, 8), -1);
+    const auto logged = log.take();
+    ASSERT_GE(logged.size(), 3u);
+    EXPECT_THAT(logged[0], MatchesRegex("ERROR: assert session != .*"));
+    EXPECT_EQ(logged[1], "ERROR: RGUI: Invalid PDU length or partial buffer");
+    EXPECT_EQ(logged[2], "ERROR: Remote GUI PDU Dump: 'rgui_data_rx'");
 }
 
 TEST_F(RguiRemote, RefusesWhatComesAfterItsStop)

@@ -140,7 +140,7 @@ void display_tcp_info(int level, const struct tcp_info *info);
  * mac  takes the six bytes, in the order of transmission
  *
  * Returns 0, or -1: errno of the allocator or of opening or reading the file, EINVAL for NULL and for a file
- * that does not hold six bytes. mac is untouched on failure. Logs nothing.
+ * that does not hold six bytes, of which mac then has those that could be read. Logs nothing.
  */
 int qv_getmac(const char *ifname, uint8_t mac[6]);
 
