@@ -502,7 +502,7 @@ class tree_merge
     {
         while (top_)
             leave();
-        free(spare_);
+        release(spare_);
     }
     tree_merge(const tree_merge &) = delete;
     tree_merge &operator=(const tree_merge &) = delete;
@@ -532,13 +532,19 @@ class tree_merge
         return true;
     }
 
+    void release(void *memory)
+    {
+        if (memory != first_)
+            free(memory);
+    }
+
     void leave()
     {
         merge_level *done = top_;
         top_ = done->outer;
         done->settle();
         done->~merge_level();
-        free(spare_);
+        release(spare_);
         spare_ = done;
     }
 
@@ -742,7 +748,8 @@ class tree_merge
     clparse_found_fn found_;
     clparse_not_found_fn not_found_;
     merge_level *top_ = nullptr;
-    merge_level *spare_ = nullptr; // memory of a level that is done
+    alignas(merge_level) unsigned char first_[sizeof(merge_level)]; // memory of the first level
+    void *spare_ = first_;                                          // or of a level that is done
 };
 
 int merge_heads(clparse_head *target, clparse_head *source, clparse_not_found_fn not_found)
