@@ -60,14 +60,14 @@ SCENARIO(allocate_blocks)
 // More names than a session finds without an index, for which memory may be short.
 SCENARIO(allocate_under_many_names)
 {
-    constexpr int count = 70;
+    constexpr size_t count = 70;
     std::vector<std::string> names;
-    for (int i = 0; i < count; i++)
+    for (size_t i = 0; i < count; i++)
         names.push_back("scenario" + std::to_string(i));
     std::vector<void *> blocks;
     for (const std::string &name : names)
         blocks.push_back(CALL(qv_memcheck_malloc, malloc, 8, name.c_str(), 1));
-    for (int i = 0; i < count; i++) {
+    for (size_t i = 0; i < count; i++) {
         EXPECT_TRUE(blocks[i] || failed());
         if (blocks[i])
             CALL(qv_memcheck_free, qv_free, blocks[i], names[i].c_str());
