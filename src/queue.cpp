@@ -147,13 +147,17 @@ q_elem *merge(q_elem *first, q_elem *second, sort_compare compare)
     q_elem before{};
     q_elem *tail = &before;
     while (first != nullptr && second != nullptr) {
-        q_elem *&front = compare(first, second) > 0 ? first : second;
+        // Chosen by values, without a branch, which would be mispredicted every other time.
+        const bool takes_first = compare(first, second) > 0;
+        q_elem *const front = takes_first ? first : second;
+        q_elem *const following = front->next;
         tail->next = front;
         front->prev = tail;
         tail = front;
-        front = front->next;
-        if (front != nullptr)
-            __builtin_prefetch(front->next);
+        first = takes_first ? following : first;
+        second = takes_first ? second : following;
+        if (following != nullptr)
+            __builtin_prefetch(following->next);
     }
     q_elem *rest = first != nullptr ? first : second;
     tail->next = rest;
