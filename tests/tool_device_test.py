@@ -6,6 +6,7 @@ import os
 import pty
 import re
 import select
+import signal
 import subprocess
 import unittest
 
@@ -315,6 +316,7 @@ class Passwords(ToolTest):
         pid, terminal = pty.fork()
         if pid == 0:
             try:
+                signal.signal(signal.SIGINT, signal.SIG_DFL)  # what runs in the background inherits it ignored
                 os.execv(QVL, [QVL, *arguments])
             finally:
                 os._exit(127)
