@@ -82,7 +82,8 @@ template <size_t... I>
     (step<I>(s, block), ...);
 }
 
-// Within the loop over the blocks: in a function of its own the state passes through memory, which takes 10 % more.
+// Within the loop over the blocks: in a function of its own the state passes through memory, which takes 10 %
+// more.
 [[gnu::always_inline]] inline void run_block(uint32_t (&s)[4], const uint32_t (&block)[16])
 {
     run_steps(s, block, std::make_index_sequence<64>());

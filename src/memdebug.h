@@ -164,7 +164,8 @@ int print_line(memdebug_session *session, int line, const char *format, ...) QV_
 // Reports failed output. The caller holds none of the session's locks.
 void report_output_failures(memdebug_session *session);
 
-// Writes to no client from now on. Their sockets stay open, on purpose: the connections end with the process.
+// Writes to no client from now on. Their sockets stay open, on purpose: the connections end with the
+// process.
 void retire_clients(memdebug_session *session);
 
 inline constexpr uint32_t marker = 0xDEADBEEF;

@@ -114,7 +114,6 @@ inline int threads_by_now()
     return started ? failing_calls::threads() : 0;
 }
 
-// A connection to a port of this host.
 // Closes the connections that a listener at a port took and left open, in this process; returns how many.
 inline int close_taken_at(unsigned int port)
 {
@@ -129,6 +128,7 @@ inline int close_taken_at(unsigned int port)
     return closed;
 }
 
+// A connection to a port of this host.
 class client
 {
   public:

@@ -40,8 +40,8 @@ typedef struct {
  * release      called once with release_arg when the last reference is released; NULL for none
  * release_arg  kept as it is
  *
- * Returns 0 with errno 0, or -1 with errno EAGAIN when the lock cannot be allocated, the mutex's init error, or EINVAL for
- * a NULL ref. On failure the count and the callback are left as they were.
+ * Returns 0 with errno 0, or -1 with errno EAGAIN when the lock cannot be allocated, the mutex's init error,
+ * or EINVAL for a NULL ref. On failure the count and the callback are left as they were.
  * Ownership: the lock is released with the last reference; a prepared reference that nobody acquires keeps
  * it.
  */

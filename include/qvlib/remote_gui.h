@@ -134,8 +134,8 @@ rgui_session *rgui_start_remote(rgui_send_fn send, void *cookie);
  *
  * A PDU whose size is not length - 8, one shorter than its header included, is logged as "RGUI: Invalid PDU
  * length or partial buffer", dumped at level 3, and refused with -1. A NULL session or pdu is logged as
- * "assert session != ((void *)0) FILE:LINE" or "assert data != ((void *)0) FILE:LINE", and refused with -1; the
- * length of a PDU without a session is looked at all the same.
+ * "assert session != ((void *)0) FILE:LINE" or "assert data != ((void *)0) FILE:LINE", and refused with -1;
+ * the length of a PDU without a session is looked at all the same.
  *
  * Returns 0, or -1 as said.
  * Cost: linear in the payload, which is not copied; finding the connection takes the same time among 1 and
