@@ -446,6 +446,18 @@ void refer_slot(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * slot_count);
 }
 
+// As a caller that is compiled for size has it.
+void refer_slot_by_call(benchmark::State &state)
+{
+    filled_queue filled;
+    auto *refer = q_refer;
+    benchmark::DoNotOptimize(refer);
+    for (auto _ : state)
+        for (unsigned int key : filled.keys)
+            benchmark::DoNotOptimize(refer(filled.q, key, 0));
+    state.SetItemsProcessed(state.iterations() * slot_count);
+}
+
 void refer_slot_limit(benchmark::State &state)
 {
     filled_queue filled;
@@ -476,12 +488,9 @@ inline void *find_inline(q_queue *q, unsigned int key, unsigned int flags)
 void refer_slot_inline(benchmark::State &state)
 {
     filled_queue filled;
-    unsigned int flags = 0;
     for (auto _ : state)
-        for (unsigned int key : filled.keys) {
-            benchmark::DoNotOptimize(flags); // as little known as behind a call
-            benchmark::DoNotOptimize(find_inline(filled.q, key, flags));
-        }
+        for (unsigned int key : filled.keys)
+            benchmark::DoNotOptimize(find_inline(filled.q, key, 0));
     state.SetItemsProcessed(state.iterations() * slot_count);
 }
 
@@ -530,6 +539,7 @@ void add_slot_inline(benchmark::State &state)
 BENCHMARK(add_slot);
 BENCHMARK(add_slot_inline);
 BENCHMARK(refer_slot);
+BENCHMARK(refer_slot_by_call);
 BENCHMARK(refer_slot_limit);
 BENCHMARK(refer_slot_inline);
 

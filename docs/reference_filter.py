@@ -14,6 +14,7 @@ PARAGRAPHS = ("Cost", "Callbacks", "Errors", "Ownership", "Threads")
 LABEL = re.compile(rf"(Returns(?= )|(?:{'|'.join(PARAGRAPHS)})(?=:)):? *(.*)")
 LABEL_WITHIN = re.compile(r"(?<=[.)]) (?=Returns |Ownership: |Threads: )")
 MARKS = re.compile(r" *\bQV_(?:PRINTF\(.*?\)|CALLED_OFTEN|EXTENSION|BEGIN_DECLS|END_DECLS)")
+IN_PLACE = re.compile(r"(?ms)^#ifdef QV_INLINE\n.*?^#endif\n\n?")  # definitions, not declarations
 SECTION = re.compile(r"/\* -+ (.*?) -+ \*/")
 FIELDS = re.compile(r"( +(?:\w+ )+)(\**\w+(?:, \**\w+)+);")
 
@@ -154,7 +155,7 @@ path = pathlib.Path(sys.argv[1])
 functions = {name for header in path.parent.glob("*.h")
              for name in re.findall(r"(?m)^\w[\w *]*?\b(\w+)\(", header.read_text())}
 group = "qvlib_" + path.stem
-lines = MARKS.sub("", path.read_text()).splitlines(keepends=True)
+lines = MARKS.sub("", IN_PLACE.sub("", path.read_text())).splitlines(keepends=True)
 header = section = None
 output = []
 while lines:
