@@ -13,7 +13,10 @@
 #include <pthread.h>
 #include <random>
 #include <string>
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -23,6 +26,7 @@
 #include "failing_heap.h"
 #include "listener_peers.h"
 #include "machine.h"
+#include "send_whole.h"
 #include "telnet_log.h"
 
 using failing_calls::failing;
@@ -134,6 +138,40 @@ TEST_F(TelnetLog, ShowsLocalTime)
         found = found || text == std::string(ctime_r(&t, shown)).substr(0, 24);
     }
     EXPECT_TRUE(found) << text;
+}
+
+// A socket that takes little at a time: sends end within a piece, and a piece may be empty.
+TEST(SendWhole, SendsEachByteOfEachPieceOnce)
+{
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    const int small = 4096;
+    setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    std::mt19937 random(8);
+    std::string texts[6];
+    iovec pieces[6];
+    std::string expected;
+    for (int i = 0; i < 6; i++) {
+        texts[i].resize(i % 3 == 0 ? 0 : random() % 50000);
+        for (char &byte : texts[i])
+            byte = static_cast<char>(random());
+        pieces[i] = {texts[i].data(), texts[i].size()};
+        expected += texts[i];
+    }
+    std::string received;
+    std::thread reading([&] {
+        char bytes[1000];
+        for (ssize_t length; (length = read(ends[1], bytes, sizeof bytes)) > 0;)
+            received.append(bytes, static_cast<size_t>(length));
+    });
+    const std::atomic<uint32_t> no_stop = 0;
+    qv::send_patience patience(no_stop, 60000);
+    EXPECT_TRUE(qv::send_whole(ends[0], pieces, 6, patience));
+    close(ends[0]);
+    reading.join();
+    close(ends[1]);
+    EXPECT_EQ(received.size(), expected.size());
+    EXPECT_TRUE(received == expected);
 }
 
 TEST(FeedTime, IsThatOfTheCLibraryInAnyZone)
