@@ -387,6 +387,23 @@ class forest
         }
     }
 
+    // Gives some nodes another parent than the container that holds them: one that comes earlier, or none.
+    void estrange(clparse_node *root)
+    {
+        std::vector<clparse_node *> containers = {root};
+        for (size_t i = 0; i < containers.size(); i++) {
+            clparse_node *const sentinel = containers[i]->value.children;
+            const size_t earlier = containers.size();
+            for (clparse_node *child = sentinel->next; child != sentinel; child = child->next) {
+                if (child->type == CLPARSE_TYPE_STRUCT || child->type == CLPARSE_TYPE_ARRAY)
+                    containers.push_back(child);
+                if (below(6) == 0)
+                    clparse_snmp_edit_fn_node(
+                        child, below(5) == 0 ? nullptr : containers[below(static_cast<unsigned>(earlier))]);
+            }
+        }
+    }
+
   private:
     unsigned below(unsigned count)
     {
@@ -462,6 +479,8 @@ TEST(Writers, AgreeWithTheModelOnRandomTrees)
         const head_ptr head = empty_tree();
         clparse_node *root = clparse_get_head(head.get());
         trees.fill(root, 4);
+        if (seed % 3 == 0)
+            trees.estrange(root);
         for (const int form : {0, 1, 2}) {
             SCOPED_TRACE(form);
             callbacks.clear();
@@ -564,6 +583,58 @@ TEST_F(Functions, GiveTheLeavesOfAnExpansionTheirPathsByTheirParents)
     EXPECT_EQ(corelink_of(head, 1), "f=y.x=1");
     data.expansion->parent = root;
     EXPECT_EQ(corelink_of(head, 1), "f=other.y.x=1");
+}
+
+// ---- Parents that do not lead back
+
+TEST(Writers, WriteEachListAsItStandsWhateverTheParentsSay)
+{
+    const head_ptr head = read("a={x=1,y={z=2}},b={k=3},c=4");
+    clparse_node *a = clparse_get_head(head.get())->value.children->next;
+    clparse_node *x = a->value.children->next;
+    clparse_node *y = x->next, *b = a->next;
+    for (clparse_node *parent : {b, clparse_get_head(head.get()), static_cast<clparse_node *>(nullptr)}) {
+        clparse_snmp_edit_fn_node(y, parent);
+        EXPECT_EQ(json_of(head), "\"a\":{\"x\":1,\"y\":{\"z\":2}},\"b\":{\"k\":3},\"c\":4");
+        EXPECT_EQ(corelink_of(head), "a={x=1,y={z=2}},b={k=3},c=4");
+        EXPECT_EQ(xml_of(head, 1, "r"), "<r>\n"
+                                        "\t<a type=\"struct\">\n"
+                                        "\t\t<x type=\"number\">1</x>\n"
+                                        "\t\t<y type=\"struct\">\n"
+                                        "\t\t\t<z type=\"number\">2</z>\n"
+                                        "\t\t</y>\n"
+                                        "\t</a>\n"
+                                        "\t<b type=\"struct\">\n"
+                                        "\t\t<k type=\"number\">3</k>\n"
+                                        "\t</b>\n"
+                                        "\t<c type=\"number\">4</c>\n"
+                                        "</r>");
+        clparse_snmp_edit_fn_node(x, parent);
+        EXPECT_EQ(corelink_of(head, 1), !parent       ? "x=1,z=2,b.k=3,c=4"
+                                        : parent == b ? "b.x=1,b.y.z=2,b.k=3,c=4"
+                                                      : "x=1,y.z=2,b.k=3,c=4");
+    }
+}
+
+// A function node may stand for a part of its own tree.
+TEST_F(Functions, MayExpandToWhatTheTreeHoldsElsewhere)
+{
+    const head_ptr tree = read("port={speed=1,stats},hidden={cur={up=true}}");
+    clparse_node *port = clparse_get_head(tree.get())->value.children->next;
+    data.expansion = port->next->value.children->next;
+    make_function_node(
+        port->value.children->prev,
+        [](clparse_node *node, void *priv) {
+            auto *cur = static_cast<function_data *>(priv)->expansion;
+            clparse_snmp_edit_fn_node(cur, node->parent);
+            return cur;
+        },
+        nullptr, release, &data);
+    EXPECT_EQ(json_of(tree),
+              "\"port\":{\"speed\":1,\"stats\":{\"up\":true}},\"hidden\":{\"cur\":{\"up\":true}}");
+    EXPECT_EQ(corelink_of(tree), "port={speed=1,stats={up=true}},hidden={cur={up=true}}");
+    EXPECT_EQ(corelink_of(tree, 1), "port.speed=1,port.stats=port.cur.up=true,port.cur.up=true");
+    data.expansion = nullptr; // the tree's
 }
 
 // ---- Size

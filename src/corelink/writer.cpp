@@ -1,7 +1,8 @@
 // The corelink writers: JSON, corelink text, lists of paths, XML, and three small text functions.
 //
-// A writer walks the tree in a loop and climbs by the nodes' parents. Only function nodes nest calls: what
-// one expands to is written by a walk of its own.
+// A writer walks the tree in a loop and climbs by the nodes' parents. Calls nest for what has another parent
+// than the container that it is met in: what a function node expands to, and what was given another one by
+// clparse_snmp_edit_fn_node. Such a subtree is written by a walk of its own.
 
 #include <array>
 #include <cstdarg>
@@ -75,6 +76,15 @@ void append_segment(text_builder &text, const clparse_node *container, const clp
         text.append_text(child->tag);
 }
 
+// Appends "PATH=" of a leaf, as its own parents have it.
+bool append_own_path(text_builder &text, const clparse_node *leaf)
+{
+    char *path = clparse_build_path(leaf);
+    const bool appended = path && text.append_text(path) && text.append('=');
+    free_text(path, QV_WHERE);
+    return appended;
+}
+
 // The paths of the leaves below a container: the path of the level that is being written, extended on the way
 // down and cut back on the way up.
 class leaf_paths
@@ -134,6 +144,8 @@ class leaf_paths
     bool append_key(text_builder &out, const clparse_node *container, const clparse_node *leaf,
                     unsigned int position) const
     {
+        if (leaf->parent != container)
+            return append_own_path(out, leaf);
         if (pathless_ || path_.failed())
             return false;
         if (begins_here_ && depth_ == 0) {
@@ -243,8 +255,9 @@ bool clparse_corelink_switch(clparse_node *node, text_builder &text, text_form f
 bool append_key(text_builder &text, const clparse_node *container, const clparse_node *child,
                 unsigned int position, text_form form, const leaf_paths *paths)
 {
-    return paths ? paths->append_key(text, container, child, position)
-                 : append_key(text, container, child, form);
+    if (paths)
+        return is_container(child) || paths->append_key(text, container, child, position);
+    return append_key(text, container, child, form);
 }
 
 // The longest tags and strings that are written in one go with what stands around them.
@@ -342,11 +355,12 @@ bool write_list(const clparse_node *top, text_builder &text, text_form form, lea
     unsigned int position = 0;
     bool written = true;
     for (;;) {
+        const bool leads_back = child && child->parent == level;
         const bool quick =
-            by_words && child && append_in_one_go(text, level, child, position > 0, form, paths);
+            by_words && leads_back && append_in_one_go(text, level, child, position > 0, form, paths);
         if (child && position > 0 && !quick)
             text.append(',');
-        if (child && is_container(child) &&
+        if (leads_back && is_container(child) &&
             (quick || open_container(text, level, child, position, form, paths))) {
             level = child;
             child = has_children_list(level) ? first_child(level) : nullptr;
@@ -357,8 +371,9 @@ bool write_list(const clparse_node *top, text_builder &text, text_form form, lea
             child = next_child(level, child);
             position++;
         } else if (child) {
-            written = !is_container(child) && append_key(text, level, child, position, form, paths) &&
-                      write_scalar(child, text, form);
+            written = !(leads_back && is_container(child)) &&
+                      append_key(text, level, child, position, form, paths) &&
+                      clparse_corelink_switch(child, text, form);
             child = written ? next_child(level, child) : nullptr;
             position++;
         }
@@ -493,6 +508,13 @@ bool append_end(text_builder &text, const clparse_node *container, const clparse
     return append_line_end(text, depth);
 }
 
+bool append_container_end(text_builder &text, const clparse_node *container, const clparse_node *node,
+                          int depth)
+{
+    append_indentation(text, depth);
+    return append_end(text, container, node, depth);
+}
+
 bool append_leaf(text_builder &text, const clparse_node *container, const clparse_node *node, int depth)
 {
     append_start(text, container, node, depth);
@@ -528,9 +550,16 @@ bool clparse_build_xml(const clparse_node *top, text_builder &text, int depth)
             append_start(text, level, child, depth);
             text.append('>');
             append_line_end(text, depth);
-            level = child;
-            child = has_children_list(level) ? first_child(level) : nullptr;
-            depth += deeper;
+            if (child->parent == level) {
+                level = child;
+                child = has_children_list(level) ? first_child(level) : nullptr;
+                depth += deeper;
+            } else {
+                if (!clparse_build_xml(child, text, depth + deeper) ||
+                    !append_container_end(text, level, child, depth))
+                    return false;
+                child = next_child(level, child);
+            }
         } else if (child) {
             if (!append_leaf(text, level, child, depth))
                 return false;
@@ -541,8 +570,7 @@ bool clparse_build_xml(const clparse_node *top, text_builder &text, int depth)
             const clparse_node *done = level;
             level = level->parent;
             depth -= deeper;
-            append_indentation(text, depth);
-            if (!append_end(text, level, done, depth))
+            if (!append_container_end(text, level, done, depth))
                 return false;
             child = next_child(level, done);
         }
