@@ -7,9 +7,11 @@
 // is open as long as the connection is in the list.
 //
 // Stopping takes the session out of the list of live sessions, so that no call finds it any more, and waits
-// until the receive threads and the calls inside have left (`busy`). They are woken by a signal that is
-// repeated, since one that comes just before a call blocks is lost, and by shutting their sockets down. The
-// reference that stopping gives back is thus the last, unless some are kept for good.
+// until the threads and the calls inside have left (`busy`). They are woken by a signal that is repeated,
+// since one that comes just before a call blocks is lost, and by shutting their sockets down. The reference
+// that stopping gives back is thus the last, unless some are kept for good. A callback may not return, for
+// instance since it waits for the thread that stops: after a while the session is left to the last one
+// inside.
 
 #include "remote_gui.h"
 
@@ -58,6 +60,7 @@ constexpr size_t dump_width = 16;
 constexpr size_t id_slots = 256; // of the connections by ID, which count up
 constexpr int connect_slice_ms = 10;
 constexpr int rounds_per_signal = 25; // of stopping, 200 microseconds each
+constexpr int most_rounds = 4000;
 // What the relay's threads get: the signal that wakes them and those of faults.
 constexpr int relay_signals[] = {SIGUSR1, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT, SIGPROF};
 
@@ -99,7 +102,7 @@ struct rgui_session {
     bool listener_running;
     int listen_socket; // -1 for none
     std::atomic<bool> stop;
-    std::atomic<unsigned int> busy; // receive threads, and calls of rgui_data_rx
+    std::atomic<unsigned int> busy; // threads, calls of rgui_data_rx, and 1 until the stop is through
     rgui_session *next_live;
 };
 
@@ -136,6 +139,8 @@ bool remove_live(const rgui_session *session)
     return true;
 }
 
+void leave(rgui_session *session);
+
 // Keeps a session from being released while a call is inside.
 class session_call
 {
@@ -150,7 +155,7 @@ class session_call
     ~session_call()
     {
         if (session_)
-            session_->busy--;
+            leave(session_);
     }
     session_call(const session_call &) = delete;
     session_call &operator=(const session_call &) = delete;
@@ -387,7 +392,7 @@ void end_receiving(rgui_conn *conn)
         conn->state = thread_ended;
         drop_connection(conn);
     }
-    session->busy--; // the session may be gone from here on
+    leave(session);
 }
 
 void *rgui_recv_data(void *argument)
@@ -530,8 +535,11 @@ void *listener_thread(void *argument)
     qvthread_setname("rgui-listen");
     init_connections(session);
     serve_clients(session);
-    const qv::mutex_guard lock(session->lock);
-    session->listener_running = false;
+    {
+        const qv::mutex_guard lock(session->lock);
+        session->listener_running = false;
+    }
+    leave(session);
     return nullptr;
 }
 
@@ -683,6 +691,7 @@ rgui_session *create_session(session_mode mode, rgui_send_fn send, void *cookie)
 {
     auto *session = send ? static_cast<rgui_session *>(calloc(1, sizeof(rgui_session))) : nullptr;
     if (session) {
+        session->busy = 1;
         session->mode = mode;
         session->send = send;
         session->cookie = cookie;
@@ -705,48 +714,40 @@ bool copy_text(char *&copy, const char *text)
     return copy || !text;
 }
 
-// Wakes the listener; false when it has ended.
-bool wake_listener(rgui_session *session, int round)
+void wake_listener(rgui_session *session, int round)
 {
     const qv::mutex_guard lock(session->lock);
     if (!session->listener_running)
-        return false;
+        return;
     const bool signals_in_vain = round >= qv::signals_before_shutdown || qv::usr1_ends_process();
     if (signals_in_vain)
         shutdown(session->listen_socket, SHUT_RDWR);
     if (!signals_in_vain || round % rounds_per_signal == 0)
         wake_thread(session->listener);
-    return true;
 }
 
-void end_listener(rgui_session *session)
+// Ends the session's threads and the calls inside, but waits about a second at most.
+void end_threads(rgui_session *session)
 {
     while (!session->ready)
         pause_for_round();
-    for (int round = 0; wake_listener(session, round); round++)
-        pause_for_round();
-    pthread_join(session->listener, nullptr);
-}
-
-void end_connections(rgui_session *session)
-{
-    stop_connections(session);
-    for (int round = 1; session->busy != 0; round++) {
-        pause_for_round();
+    for (int round = 0; session->busy > 1 && round < most_rounds; round++) {
+        wake_listener(session, round);
         if (round % rounds_per_signal == 0)
             stop_connections(session);
+        pause_for_round();
     }
 }
 
-void release_session(rgui_session *session)
+// Of those that `busy` counts the last one releases the session, unless references are kept for good.
+void leave(rgui_session *session)
 {
-    {
-        const qv::mutex_guard lock(session->lock);
-        if (session->refs > 0) {
-            session->refs--;
-            return;
-        }
-    }
+    if (--session->busy != 0)
+        return;
+    stop_connections(session);
+    close_listener(session);
+    if (session->refs > 0)
+        return;
     pthread_mutex_destroy(&session->lock);
     free_session(session);
 }
@@ -756,11 +757,12 @@ void stop_session(rgui_session *session)
     if (!SOFT_ASSERT(session != nullptr, "session != ((void *)0)") || !remove_live(session))
         return;
     session->stop = true;
-    if (session->mode == mode_local)
-        end_listener(session);
-    end_connections(session);
-    close_listener(session);
-    release_session(session);
+    end_threads(session);
+    if (session->mode == mode_local && session->busy == 1)
+        pthread_join(session->listener, nullptr);
+    else if (session->mode == mode_local)
+        pthread_detach(session->listener);
+    leave(session);
 }
 
 } // namespace
@@ -800,6 +802,7 @@ rgui_session *rgui_start_local(const char *node, const char *service, void *, rg
         free_session(session);
         return nullptr;
     }
+    session->busy++; // the listener
     const int error = qv::start_thread(&session->listener, false, listener_thread, session, relay_signals);
     if (error != 0) {
         errno = error;

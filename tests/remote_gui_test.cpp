@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
@@ -1302,6 +1303,106 @@ TEST_F(RguiLocal, WakesACallbackThatWaits)
     peers::sleep_us(50000);
     stop();
     EXPECT_EQ(interruptions, 1);
+}
+
+// A daemon's channel has a lock, which it also holds while it stops the relay. It outlives the callbacks: so
+// do the ones below, which each test has of its own.
+struct locked_channel {
+    int opcode; // the callback waits at this one only
+    std::mutex lock = {};
+    std::atomic<int> waited = 0;
+
+    static int send(rgui_pdu *pdu, size_t, void *cookie)
+    {
+        auto *channel = static_cast<locked_channel *>(cookie);
+        if (pdu->opcode == channel->opcode) {
+            const std::lock_guard<std::mutex> held(channel->lock);
+            channel->waited++;
+        }
+        free(pdu);
+        return 0;
+    }
+};
+
+TEST_F(RguiLocal, StopsBesideACallbackThatWaitsForTheStopper)
+{
+    static locked_channel channels[] = {{RGUI_OPEN}, {RGUI_DATA}, {RGUI_CLOSE}};
+    for (locked_channel &locked : channels) {
+        SCOPED_TRACE(locked.opcode);
+        session_ = rgui_start_local("127.0.0.1", std::to_string(port_).c_str(), nullptr, locked_channel::send,
+                                    &locked);
+        {
+            const std::lock_guard<std::mutex> held(locked.lock);
+            const stream peer = connect_to(port_);
+            peer.write("x");
+            peers::sleep_us(50000);
+            const auto begin = std::chrono::steady_clock::now();
+            stop();
+            EXPECT_LT(peers::seconds_since(begin), 10 * slowness);
+            EXPECT_EQ(locked.waited, 0);
+        }
+        EXPECT_TRUE(peers::eventually([&] {
+            return locked.waited == 1 &&
+                   peers::threads_named("rgui-listen") + peers::threads_named("rgui-recv") == 0;
+        }));
+    }
+}
+
+TEST_F(RguiRemote, StopsBesideACallbackThatWaitsForTheStopper)
+{
+    const gui_server server;
+    static locked_channel locked = {RGUI_CLOSE};
+    rgui_session *session = rgui_start_remote(locked_channel::send, &locked);
+    EXPECT_EQ(give(session, RGUI_OPEN, 1), 0);
+    const stream peer = server.take();
+    {
+        const std::lock_guard<std::mutex> held(locked.lock);
+        const auto begin = std::chrono::steady_clock::now();
+        rgui_stop_remote(session);
+        EXPECT_LT(peers::seconds_since(begin), 10 * slowness);
+        EXPECT_TRUE(peer.ends());
+        EXPECT_EQ(locked.waited, 0);
+    }
+    EXPECT_TRUE(
+        peers::eventually([&] { return locked.waited == 1 && peers::threads_named("rgui-recv") == 0; }));
+}
+
+// A callback that stops the session that called it, once.
+struct own_stop {
+    int opcode;
+    std::atomic<rgui_session *> session = nullptr;
+    std::atomic<int> stopped = 0;
+
+    static int send(rgui_pdu *pdu, size_t, void *cookie)
+    {
+        auto *own = static_cast<own_stop *>(cookie);
+        const int opcode = pdu->opcode;
+        free(pdu);
+        if (opcode == own->opcode) {
+            while (!own->session)
+                peers::sleep_us(1000);
+            rgui_stop_local(own->session);
+            own->stopped++;
+        }
+        return 0;
+    }
+};
+
+TEST_F(RguiLocal, MayBeStoppedByItsOwnCallback)
+{
+    static own_stop each[] = {{RGUI_OPEN}, {RGUI_DATA}};
+    for (own_stop &own : each) {
+        SCOPED_TRACE(own.opcode);
+        own.session =
+            rgui_start_local("127.0.0.1", std::to_string(port_).c_str(), nullptr, own_stop::send, &own);
+        const stream peer = connect_to(port_);
+        peer.write("x");
+        EXPECT_TRUE(peer.ends());
+        EXPECT_TRUE(peers::eventually([&] {
+            return own.stopped == 1 &&
+                   peers::threads_named("rgui-listen") + peers::threads_named("rgui-recv") == 0;
+        }));
+    }
 }
 
 // The delay widens the gap between a thread's last look and its wait, in which a wake-up would be lost.

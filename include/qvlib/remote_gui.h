@@ -75,7 +75,7 @@ typedef struct {
  *
  * May block; a connection is not read meanwhile, which is what slows a fast client down. While its session is
  * stopped, or when a CLOSE comes for its connection, SIGUSR1 may interrupt what it waits for: it repeats the
- * call, or gives up where it would be in the way of the stop. It must not stop its own session.
+ * call, or gives up where it would be in the way of the stop.
  */
 typedef int (*rgui_send_fn)(rgui_pdu *pdu, size_t length, void *cookie);
 
@@ -148,10 +148,12 @@ int rgui_data_rx(rgui_session *session, const rgui_pdu *pdu, size_t length);
  * Stops a session: ends the listener and every connection, each of which hands a CLOSE to the callback first,
  * and releases the session. It waits for the session's threads and for calls of rgui_data_rx in progress,
  * whose waits it ends; that takes as long as the callback takes. When it has returned, no callback runs any
- * more. Stopping a session that is stopped does nothing; NULL is logged as "assert session != ((void *)0)
+ * more, unless one has not returned for a second, since it waits for the thread that stops, or is that
+ * thread: then the session is released when the last one returns, and until then the cookie has to stay.
+ * Stopping a session that is stopped does nothing; NULL is logged as "assert session != ((void *)0)
  * FILE:LINE".
  *
- * Threads: any but the session's own, and not in its callback: stopping would wait for itself.
+ * Threads: any.
  */
 void rgui_stop_local(rgui_session *session);
 void rgui_stop_remote(rgui_session *session);
