@@ -214,6 +214,19 @@ int qv_fdprintf(int fd, const char *fmt, ...)
     return length > 0 ? static_cast<int>(write(fd, text, static_cast<size_t>(length))) : 0;
 }
 
+int replace_char(char **str, const char *replacement, size_t pos)
+{
+    if (!str || !*str || !replacement || pos >= strlen(*str))
+        return -1;
+    char *tail = nullptr;
+    __qv_asprintf(&tail, "replace_char", 196, "%s", *str + pos + 1);
+    qv::tracked_guard guard(tail, QV_WHERE);
+    (*str)[pos] = '\0';
+    // Without memory for the tail "(null)" stands in its place, as the function always had it.
+    const int added = qv_aasprintf(str, "%s%s", replacement, tail ? tail : "(null)");
+    return added < 0 ? -1 : static_cast<int>(strlen(replacement));
+}
+
 int replace_quotes(char **str)
 {
     return replace_all(str, escaped_quote);

@@ -1,4 +1,4 @@
-// What text builders share with the formatting functions.
+// Steps of the formatting functions that are not exported.
 #pragma once
 
 #include <cstddef>
@@ -10,3 +10,8 @@ namespace qv
 char *grow_text(char *text, size_t size);
 
 } // namespace qv
+
+// Replaces the character at `pos` of a tracked string. Returns the replacement's length, or -1: when the
+// string can't grow, and is then null, or when it has no such character. The functions that replace many
+// characters go over their text once instead, as this one moves all that follows.
+extern "C" int replace_char(char **str, const char *replacement, size_t pos);

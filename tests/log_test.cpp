@@ -780,6 +780,18 @@ TEST_F(LogHexDump, LogsTheHeaderAloneForAWidthOfZeroOrAMissingBuffer)
     EXPECT_THAT(steps, ElementsAre(hex_header, hex_header));
 }
 
+TEST_F(LogHexDump, CountsDownFromTheWidthUpToThirty)
+{
+    start_syslog(7);
+    const std::string bytes = bytes_from(0x41, 60);
+    for (const size_t width : {size_t{29}, size_t{30}}) {
+        steps.clear();
+        __qv_loghex_line(5, bytes.data(), width + 1, width, 1);
+        EXPECT_THAT(steps, ElementsAre(flipped_header, testing::_,
+                                       testing::EndsWith(std::string("  ") + bytes[2 * width - 1])));
+    }
+}
+
 TEST_F(LogHexDump, CutsLinesOfAnExcessiveWidth)
 {
     start_syslog(7);

@@ -15,6 +15,7 @@
 
 #include "captured_fd.h"
 #include "failing_heap.h"
+#include "qvstrings.h"
 
 namespace
 {
@@ -297,7 +298,61 @@ TEST(FdPrintf, DoesNotCompleteAShortWrite)
     close(ends[1]);
 }
 
-// ---- replace_quotes, replace_xml_entities
+// ---- replace_char, replace_quotes, replace_xml_entities
+
+TEST(ReplaceChar, PutsAStringInTheCharactersPlace)
+{
+    const struct {
+        const char *before, *replacement;
+        size_t pos;
+        const char *after;
+    } rows[] = {{"a\"b", "\\\"", 1, "a\\\"b"},
+                {"abc", "xyz", 0, "xyzbc"},
+                {"abc", "", 2, "ab"},
+                {"%d%s", "%n", 1, "%%n%s"}};
+    for (const auto &row : rows) {
+        grown text(row.before);
+        EXPECT_EQ(replace_char(text.address(), row.replacement, row.pos),
+                  static_cast<int>(strlen(row.replacement)));
+        EXPECT_STREQ(text.text(), row.after);
+    }
+}
+
+TEST(ReplaceChar, RefusesWhatIsNotThere)
+{
+    grown text("abc");
+    char *none = nullptr;
+    EXPECT_EQ(replace_char(text.address(), "x", 3), -1);
+    EXPECT_EQ(replace_char(text.address(), nullptr, 0), -1);
+    EXPECT_EQ(replace_char(&none, "x", 0), -1);
+    EXPECT_EQ(replace_char(nullptr, "x", 0), -1);
+    EXPECT_STREQ(text.text(), "abc");
+}
+
+TEST(ReplaceChar, LosesTheTailWithoutMemoryForItsCopy)
+{
+    grown text("abc");
+    int result = 0;
+    {
+        const failing_heap::after none(0);
+        result = replace_char(text.address(), "xy", 1);
+    }
+    EXPECT_EQ(result, 2);
+    EXPECT_STREQ(text.text(), "axy(null)");
+}
+
+TEST(ReplaceChar, FailsWhenTheStringCannotGrow)
+{
+    grown start("abc");
+    char *text = *start.address();
+    int result = 0;
+    {
+        const failing_heap::after tail(1);
+        result = replace_char(&text, "xy", 1);
+    }
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(text, nullptr);
+}
 
 TEST(ReplaceQuotes, PutsABackslashBeforeEveryDoubleQuote)
 {
