@@ -52,8 +52,7 @@ struct feed {
     int listener; // -1 until it listens
     unsigned int port;
     pthread_t thread;
-    std::atomic<unsigned int> client_count; // of the list, to be read without the lock
-    std::atomic<uint32_t> stop_at;          // see send_patience
+    std::atomic<uint32_t> stop_at; // see send_patience
 };
 
 // Holds an allocated block.
@@ -107,6 +106,17 @@ bool publish_listener(feed *log, qv::fd_guard &fd)
     return true;
 }
 
+// Whether nobody listens is looked at without the lock.
+void set_next(feed_client *client, feed_client *next)
+{
+    __atomic_store_n(&client->next, next, __ATOMIC_RELAXED);
+}
+
+bool has_clients(feed *log)
+{
+    return __atomic_load_n(&log->clients.next, __ATOMIC_RELAXED) != &log->clients;
+}
+
 // Takes one client; false at a failure, which is how stopping ends the thread.
 bool take_client(feed *log, int listener)
 {
@@ -122,8 +132,7 @@ bool take_client(feed *log, int listener)
     client->next = log->clients.next;
     client->prev = &log->clients;
     client->next->prev = client;
-    log->clients.next = client;
-    log->client_count++;
+    set_next(&log->clients, client);
     return true;
 }
 
@@ -141,11 +150,10 @@ void *listen_for_clients(void *handle)
 }
 
 // Closes and frees a client, with the lock held.
-void drop_client(feed *log, feed_client *client)
+void drop_client(feed_client *client)
 {
-    client->prev->next = client->next;
+    set_next(client->prev, client->next);
     client->next->prev = client->prev;
-    log->client_count--;
     close(client->socket);
     free(client);
 }
@@ -159,7 +167,7 @@ void send_line(feed *log, const std::array<iovec, 3> &line)
         feed_client *following = client->next;
         std::array<iovec, 3> pieces = line;
         if (!qv::send_whole(client->socket, pieces.data(), pieces.size(), patience))
-            drop_client(log, client);
+            drop_client(client);
         client = following;
     }
 }
@@ -266,8 +274,8 @@ int tellog_finish(void *handle)
         close(log->listener);
     {
         qv::mutex_guard lock(log->lock);
-        while (log->clients.next != &log->clients)
-            drop_client(log, log->clients.next);
+        while (has_clients(log))
+            drop_client(log->clients.next);
     }
     pthread_mutex_destroy(&log->lock);
     free(log);
@@ -277,7 +285,7 @@ int tellog_finish(void *handle)
 void qv_vtellog(void *handle, int level, const char *fmt, va_list ap)
 {
     auto *log = static_cast<feed *>(handle);
-    if (!log || !fmt || !log->running || log->client_count == 0)
+    if (!log || !fmt || !log->running || !has_clients(log))
         return;
     const qv::errno_guard unchanged;
     const int error = errno; // the text may contain %m

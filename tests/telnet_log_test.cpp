@@ -239,6 +239,36 @@ TEST_F(TelnetLog, AllocatesNothingWithoutAClient)
     EXPECT_EQ(heap.calls(), 0);
 }
 
+// The handle's clients are a list whose layout is settled: what counts is who is in it.
+TEST_F(TelnetLog, SendsToWhoeverIsInTheListOfItsHandle)
+{
+    struct node {
+        int socket;
+        node *next, *prev;
+    };
+    client peer(port_);
+    await(feed_, peer);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    auto *head = static_cast<node *>(feed_);
+    for (const int socket : {ends[0], -1}) {
+        auto *added = static_cast<node *>(calloc(1, sizeof(node)));
+        *added = {socket, head->next, head};
+        head->next->prev = added;
+        head->next = added;
+    }
+    send(feed_, 7, "to all"); // which drops the one without a socket
+    EXPECT_EQ(head->next->socket, ends[0]);
+    EXPECT_THAT(lines_of(peer.read_until("\n")), ElementsAre("DEBUG: to all"));
+    char text[64] = "";
+    EXPECT_GT(read(ends[1], text, sizeof text - 1), 0);
+    EXPECT_THAT(text, EndsWith("DEBUG: to all\n"));
+    peer.text().clear();
+    send(feed_, 7, "again");
+    EXPECT_THAT(lines_of(peer.read_until("\n")), ElementsAre("DEBUG: again"));
+    close(ends[1]);
+}
+
 TEST_F(TelnetLog, SendsNothingWithoutAFeedOrAText)
 {
     send(nullptr, 7, "%s", "nobody");
