@@ -104,7 +104,7 @@ void *linearise_iovec(const struct iovec *iov, int iovcnt, void *buf, size_t len
     for (const struct iovec &entry : entries_of(iov, iovcnt)) {
         const size_t piece = entry.iov_base == nullptr ? 0 : std::min(len, entry.iov_len);
         if (piece != 0)
-            memcpy(to, entry.iov_base, piece);
+            memmove(to, entry.iov_base, piece);
         to += piece;
         len -= piece;
     }
@@ -119,7 +119,7 @@ void delinearise_to_iovec(const struct iovec *iov, int iovcnt, const void *buf, 
     for (const struct iovec &entry : entries_of(iov, iovcnt)) {
         const size_t piece = entry.iov_base == nullptr ? 0 : std::min(len, entry.iov_len);
         if (piece != 0)
-            memcpy(entry.iov_base, from, piece);
+            memmove(entry.iov_base, from, piece);
         from += piece;
         len -= piece;
     }

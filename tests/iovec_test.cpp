@@ -228,6 +228,16 @@ TEST(LineariseIovec, PassesOverAnEntryWithoutABasePointer)
     EXPECT_EQ(buffer[1], 2);
 }
 
+TEST(LineariseIovec, MovesAnEntryThatOverlapsItsPlace)
+{
+    char text[] = "--abcdef";
+    const struct iovec entry = {text + 2, 6};
+    EXPECT_EQ(linearise_iovec(&entry, 1, text, 6), text + 6);
+    EXPECT_EQ(std::string(text), "abcdefef");
+    delinearise_to_iovec(&entry, 1, text, 6);
+    EXPECT_EQ(std::string(text), "ababcdef");
+}
+
 TEST(DelineariseToIovec, ScattersTheBytesOverTheEntriesInOrder)
 {
     const Vector vector({3, 0, 4});
