@@ -768,6 +768,8 @@ memdebug_session *open_session(const char *service, int output_fd, void (*error_
     session->output_fd = output_fd;
     session->error_hook = error_hook ? error_hook : [](int) {};
     session->listen_service = service;
+    if (service)
+        strncpy(session->service, service, sizeof session->service - 1);
     session->listener = -1;
     session->enabled = 1;
     the_session = session;

@@ -61,8 +61,8 @@ struct memdebug_session {
     int output_fd;
     void (*error_hook)(int);
     unsigned char line_complete;
-    const char *listen_service;
-    console_client clients; // list head
+    const char *listen_service; // the caller's, who may release it: null or not is what counts
+    console_client clients;     // list head
 
     // Index of the live blocks by user pointer, so that finding one does not walk the lists.
     alloc_record **buckets;
@@ -91,6 +91,7 @@ struct memdebug_session {
     std::atomic<bool> stopping;
     bool has_checker, has_listener;           // of the thread that started the session
     std::atomic<int> checker_id, listener_id; // the threads' own numbers, once they run
+    char service[32];                         // a copy of the listener's
     pthread_mutex_t listener_lock;            // listener
     int listener;                             // listening socket, -1 for none
     memdebug_session *next_closed;

@@ -149,7 +149,7 @@ int open_listener(memdebug_session *session)
     addrinfo hints = {};
     hints.ai_family = AF_INET;
     hints.ai_socktype = SOCK_STREAM;
-    const int fd = qvsock_listen(&hints, nullptr, session->listen_service, 0, 0, 0);
+    const int fd = qvsock_listen(&hints, nullptr, session->service, 0, 0, 0);
     if (fd < 0)
         qv_errno("%s: failed to create socket", "accept_thread");
     const mutex_guard lock(session->listener_lock);

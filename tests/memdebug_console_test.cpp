@@ -234,6 +234,17 @@ TEST_F(MemdebugStart, IgnoresEndedChildren)
     signal(SIGCHLD, SIG_DFL);
 }
 
+// The listener looks at it later.
+TEST_F(MemdebugStart, NeedsItsServiceNoLongerOnceItHasReturned)
+{
+    const captured_stderr unseen;
+    std::string service = service_;
+    ASSERT_EQ(qv_memcheck_start(service.c_str(), 0, noting_hook), 0);
+    service.assign(service.size(), '9');
+    EXPECT_TRUE(peers::eventually([&] { return client(port_).is_connected(); }));
+    EXPECT_EQ(qv_memcheck_stop(), 0);
+}
+
 TEST_F(MemdebugStart, FailsWhenMemoryIsShort)
 {
     const failing_heap::after failing(0);

@@ -115,8 +115,7 @@ int qv_dma_free(int (*release)(void *ptr, size_t value), void *ptr, size_t value
  * Starts the memory debugger: tracking, a checker thread "qvl-memdebug" that reports damaged guard markers,
  * each block once, and redraws the table, and with a service a listener thread for console clients.
  *
- * service     port of the console as a service name or number, on every IPv4 address; kept, so it must
- *             outlive the session. NULL for no clients
+ * service     port of the console as a service name or number, on every IPv4 address. NULL for no clients
  * output_fd   1 or greater: the console is written there and clients get nothing; otherwise to the clients
  * error_hook  called with -1 after each fault, in the thread that found it; NULL for none
  *
