@@ -259,7 +259,7 @@ TEST_P(EveryAllocation, FailsOnceAloneAndOnceForGood)
 {
     const auto &[played, with_session] = GetParam();
     constexpr long most = 20000;
-    constexpr long step = QVLIB_TEST_PERCENT < 25 ? 100 / QVLIB_TEST_PERCENT : 1; // an emulator plays some
+    constexpr long step = QVLIB_TEST_PERCENT < 25 ? 100 / QVLIB_TEST_PERCENT : 1; // slow builds play some
     play(played, with_session, {0, false}, false);  // what the C library keeps for later is allocated here
     const outcome clean = play(played, with_session, {0, false});
     expect_what_is_stated(clean);
